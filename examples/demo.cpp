@@ -1,0 +1,78 @@
+// A tour of what libkorvel does: run it with a scratch directory or let it
+// make one.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "korvel/paths.h"
+#include "korvel/version.h"
+
+namespace {
+
+struct Print : koStringProcedure {
+  explicit Print(const char* kind) : kind(kind) {}
+  void operator()(const char* path) const override { std::printf("    %-4s %s\n", kind, path); }
+  const char* kind;
+};
+
+void writeFile(const std::string& path, size_t bytes) {
+  FILE* f = std::fopen(path.c_str(), "w");
+  if (f == nullptr) return;
+  for (size_t i = 0; i < bytes; ++i) std::fputc('x', f);
+  std::fclose(f);
+}
+
+void pathsTour(const std::string& dir) {
+  std::printf("\n== Paths ==\n");
+  const char* messy = "/usr/./local/../lib//x/../";
+  char collapsed[64];
+  std::printf("  collapse  %-28s -> %s\n", messy, koCollapsePath(collapsed, messy, strlen(messy)));
+
+  std::string relative = dir + "/a/../missing/./file";
+  char canonical[8707];
+  koCanonicalizePath(canonical, 8706, relative.c_str(), relative.size());
+  std::printf("  canonical %s\n         -> %s\n", relative.c_str(), canonical);
+
+  char temp[8720];
+  std::printf("  temp dir  %s, fresh name %s\n", koGetTempDir(), koGetTempName(temp));
+  uint64_t bytes = 0;
+  if (koGetFileSystemAvailableSpace(dir.c_str(), &bytes)) {
+    std::printf("  free space on %s: %.1f GiB\n", dir.c_str(), bytes / 1073741824.0);
+  }
+}
+
+void walkerTour(const std::string& dir) {
+  std::printf("\n== Directory walker ==\n");
+  mkdir((dir + "/a").c_str(), 0755);
+  mkdir((dir + "/a/b").c_str(), 0755);
+  writeFile(dir + "/a/one.log", 100);
+  writeFile(dir + "/a/b/two.log", 250);
+  writeFile(dir + "/a/.hidden", 7);
+  std::printf("  %s/a/* with depth 1, pre-order:\n", dir.c_str());
+  int n = koFindMatchingFilesAndDirs((dir + "/a/*").c_str(), Print("file"), Print("dir"), 1, false);
+  std::printf("  %d entries; size of the tree: %lld bytes\n", n,
+              static_cast<long long>(koGetDirectorySize((dir + "/a").c_str())));
+  std::printf("  any *.log directly in a? %s\n",
+              koMatchingFileOrDirExists((dir + "/a/*.log").c_str()) ? "yes" : "no");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::printf("libkorvel %s, built %s\n", libkorvel_version, libkorvel_build_date);
+  std::string dir;
+  if (argc > 1) {
+    dir = argv[1];
+  } else {
+    char tmpl[] = "/tmp/korvel_demo_XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) return 1;
+    dir = tmpl;
+  }
+  pathsTour(dir);
+  walkerTour(dir);
+  return 0;
+}

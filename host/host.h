@@ -1,0 +1,78 @@
+// The host services layer: everything libkorvel needs from its environment.
+//
+// The library runs inside a host process that may already provide these
+// services. Every operation below has a default implementation in this
+// folder, built on POSIX, so the library also works in a plain process. The
+// defaults are weak, default-visibility symbols: a process that defines an
+// operation itself (same name, same signature, C linkage) has its own
+// definition used by the library instead, because the dynamic linker binds
+// the library's calls to the first definition in the global scope, which is
+// the executable's. The same seam lets tests inject faults (a skewed clock,
+// a failing listing) by linking their own definitions.
+//
+// All operations may be called from any thread.
+#ifndef KORVEL_HOST_HOST_H_
+#define KORVEL_HOST_HOST_H_
+
+#include <cstddef>
+
+#include "korvel/export.h"
+
+// Size of every path buffer the library keeps for itself: paths of up to
+// 8705 characters plus the terminating NUL.
+#define KORVEL_PATH_BUFFER_SIZE 8706
+
+#define KORVEL_HOST_API extern "C" KORVEL_EXPORT
+
+// ---- Time and memory ----
+
+// Wall-clock time in seconds since the epoch.
+KORVEL_HOST_API double hostRealtime();
+
+// Releases a block returned by a host operation (hostGetDirList). Accepts
+// null.
+KORVEL_HOST_API void hostFree(void* block);
+
+// ---- Paths and files ----
+
+// Rewrites an automounter prefix of the path in p in place, if it has one,
+// and returns p; returns null for null. The default leaves p unchanged.
+KORVEL_HOST_API char* hostFixAutoMountPrefix(char* p);
+
+// If src begins with a tilde form that can be expanded ("~" or "~user",
+// alone or followed by a separator), writes the expanded path into dst and
+// returns dst; otherwise returns src. REQUIRES: dst holds
+// KORVEL_PATH_BUFFER_SIZE bytes; a longer expansion is cut to fit.
+KORVEL_HOST_API const char* hpTildeExpansion(char* dst, const char* src);
+
+// True when p is an absolute path.
+KORVEL_HOST_API bool hpIsAbsolutePath(const char* p);
+
+// Writes the working directory into buf (at most size bytes with the NUL)
+// and returns buf, or null on failure.
+KORVEL_HOST_API char* hostGetcwd(char* buf, size_t size);
+
+// Writes the directory part of path (everything before the last separator)
+// into dirOut and returns a pointer to the last component inside path (an
+// empty string when path ends in a separator). The directory part of a path
+// directly under the root ("/x") is "/"; that of a path without separator is
+// empty. Returns null for null. REQUIRES: dirOut holds strlen(path) + 2 bytes.
+KORVEL_HOST_API const char* hpSeparatePathName(const char* path, char* dirOut);
+
+// Appends name to the path in dir, with one separator between them unless dir
+// is empty or already ends in one. REQUIRES: dir has room for the result.
+KORVEL_HOST_API void hpConcatPathName(char* dir, const char* name);
+
+// Lists the directory part of pathPattern. Returns one heap block of the
+// NUL-terminated names whose entries match the last component (where '*'
+// matches any run of characters, including a leading dot), ended by an empty
+// name; or null when the directory cannot be read. The block is released with
+// hostFree. The default reads the directory once and stats nothing. flags is
+// reserved (0).
+KORVEL_HOST_API char* hostGetDirList(const char* pathPattern, int flags);
+
+// Multibyte-aware substring search; the default is a byte search, which is
+// equivalent for UTF-8 text.
+KORVEL_HOST_API const char* hostMultiByteStrStr(const char* haystack, const char* needle);
+
+#endif  // KORVEL_HOST_HOST_H_

@@ -1,0 +1,120 @@
+// Path strings, file queries and the directory walker.
+//
+// The C functions edit caller-owned buffers and answer questions about files.
+// None of them allocates, throws or prints; every failure is a return value
+// (false, 0, null or an all-ones sentinel). Paths are NUL-terminated byte
+// strings and '/' is the only separator. They may be called from any thread;
+// the temporary-directory cache and the temporary-name counter are
+// process-wide and deliberately unlocked (a race only recomputes the same text
+// or weakens a seed).
+#ifndef KORVEL_PATHS_H_
+#define KORVEL_PATHS_H_
+
+#include <cstddef>
+#include <cstdint>
+
+#include "korvel/export.h"
+
+extern "C" {
+
+// ---- Separators ----
+
+// True exactly when c is '/'.
+KORVEL_EXPORT bool koIsPathSep(int c);
+// Overwrites every separator in path with the byte c. Null or empty: no-op.
+KORVEL_EXPORT void koReplacePathSeps(char* path, int c);
+// Turns every '/' and '\' in path into '/'. Null: no-op.
+KORVEL_EXPORT void koWashPathSep(char* path);
+// Makes path end in '/', appending one if needed (an empty string becomes
+// "/"). False only for null. REQUIRES: room for one more character.
+KORVEL_EXPORT bool koAddPathSep(char* path);
+// Inserts '/' at pos unless the character before pos is already a
+// separator; returns the number of characters inserted (0 or 1).
+// REQUIRES: room for one more character.
+KORVEL_EXPORT size_t koAddPathSepAt(char* path, size_t pos);
+// True only for the one-character string "/". REQUIRES: path is not null.
+KORVEL_EXPORT bool koIsRootDir(const char* path);
+
+// ---- Collapsed and canonical paths ----
+
+// Copies at most the first n characters of src into dst with empty, "." and
+// ".." segments resolved textually; dst may equal src. Returns dst. Reads
+// nothing past the NUL of src. REQUIRES: dst holds n + 1 bytes.
+KORVEL_EXPORT char* koCollapsePath(char* dst, const char* src, size_t n);
+// Turns the first inLen characters of in into an absolute path with symbolic
+// links resolved as far as the path exists, then collapsed. Writes at most
+// outSize characters plus a NUL into out and always returns a usable string
+// (normally out; at worst the collapsed, possibly relative, input).
+// REQUIRES: out holds outSize + 1 bytes.
+KORVEL_EXPORT char* koCanonicalizePath(char* out, size_t outSize, const char* in, size_t inLen);
+
+// ---- File queries (all follow symbolic links) ----
+
+KORVEL_EXPORT bool koFileOrDirExists(const char* path);
+// Exists and is not a directory.
+KORVEL_EXPORT bool koFileExists(const char* path);
+// Null or missing: false.
+KORVEL_EXPORT bool koIsDirectory(const char* path);
+// Size in bytes; 0 when the path cannot be stat-ed.
+KORVEL_EXPORT int64_t koGetFileSize(const char* path);
+// Sets *bytes to block size times free blocks of the file system holding
+// path and returns true; on failure returns false with *bytes all ones.
+KORVEL_EXPORT bool koGetFileSystemAvailableSpace(const char* path, uint64_t* bytes);
+
+// ---- Temporary files ----
+
+// The temporary directory ($TMP, default /tmp), always ending in '/'. Read
+// once per process; the result lives as long as the process.
+KORVEL_EXPORT const char* koGetTempDir();
+// Writes into buf a path in the temporary directory ("tp" and six digits)
+// that names nothing at the time of the call, and returns buf. The file is
+// not created. REQUIRES: buf holds strlen(koGetTempDir()) + 9 bytes.
+KORVEL_EXPORT char* koGetTempName(char* buf);
+
+}  // extern "C"
+
+// ---- Directory walker ----
+
+// A procedure the walker applies to each entry it reports.
+class KORVEL_EXPORT koStringProcedure {
+ public:
+  virtual ~koStringProcedure();
+  virtual void operator()(const char* path) const = 0;
+};
+
+// Does nothing.
+class KORVEL_EXPORT koIgnoreString : public koStringProcedure {
+ public:
+  void operator()(const char* path) const override;
+};
+
+// Adds koGetFileSize(path) to a running total owned by the caller.
+class KORVEL_EXPORT koDirectorySizeAdder : public koStringProcedure {
+ public:
+  explicit koDirectorySizeAdder(int64_t* total) : total_(total) {}
+  void operator()(const char* path) const override;
+
+ private:
+  int64_t* total_;
+};
+
+// Lists the entries matching the wildcard ('*') in the last component of
+// pattern and calls onDir for each directory (links followed) and onFile for
+// everything else, in listing order. With depth > 0 it descends into each
+// directory right after reporting it (pre-order), depth - 1 levels further.
+// With stopAtFirst it returns after the first report of the top level.
+// Wildcards in the directory part are refused. "." and "./" mean the current
+// directory (entries reported by bare names) and, like "/", need depth >= 1.
+// Returns the number of procedure calls; 0 for a null, empty or over-long
+// (> 4096) pattern. Entries whose path would not fit the walker's buffers are
+// skipped. An exception from a procedure ends the walk and reaches the caller.
+KORVEL_EXPORT int koFindMatchingFilesAndDirs(const char* pattern, const koStringProcedure& onFile,
+                                             const koStringProcedure& onDir, int depth,
+                                             bool stopAtFirst);
+// True when at least one entry matches pattern (no descent).
+KORVEL_EXPORT bool koMatchingFileOrDirExists(const char* pattern);
+// Sum of the sizes of all non-directory entries below dir, at any depth; 0
+// for an empty or missing directory.
+KORVEL_EXPORT int64_t koGetDirectorySize(const char* dir);
+
+#endif  // KORVEL_PATHS_H_

@@ -1,0 +1,110 @@
+// The wildcard directory walker and the procedures built on it.
+#include <cstring>
+
+#include "host/host.h"
+#include "korvel/paths.h"
+#include "paths/scoped_resource.h"
+
+namespace {
+
+constexpr size_t kLongestPattern = 4096;
+// Every directory text the walker builds lives in one buffer of this size,
+// extended and cut back as the walk goes.
+constexpr size_t kDirBuffer = 4352;
+
+// True when dir (of length dirLength) joined with name fits the buffer.
+bool fitsAfterJoin(size_t dirLength, const char* name) {
+  return dirLength + 1 + strlen(name) + 1 <= kDirBuffer;
+}
+
+// Walks the directory text in dir (a kDirBuffer buffer) with the name pattern
+// namePattern; see koFindMatchingFilesAndDirs.
+int walk(char* dir, const char* namePattern, const koStringProcedure& onFile,
+         const koStringProcedure& onDir, int depth, bool stopAtFirst) {
+  const size_t dirLength = strlen(dir);
+  if (!fitsAfterJoin(dirLength, namePattern)) return 0;
+  hpConcatPathName(dir, namePattern);
+  koScopedResource<char*> listing(hostGetDirList(dir, 0), hostFree);
+  dir[dirLength] = '\0';
+  const char* name = listing.get();
+  if (name == nullptr) return 0;
+
+  int count = 0;
+  for (; *name != '\0'; name += strlen(name) + 1) {
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
+    dir[dirLength] = '\0';
+    if (!fitsAfterJoin(dirLength, name)) continue;  // a path too long to report
+    hpConcatPathName(dir, name);
+    if (koIsDirectory(dir)) {
+      onDir(dir);
+      ++count;
+      if (stopAtFirst) return count;
+      if (depth > 0) count += walk(dir, "*", onFile, onDir, depth - 1, false);
+    } else {
+      onFile(dir);
+      ++count;
+      if (stopAtFirst) return count;
+    }
+  }
+  return count;
+}
+
+}  // namespace
+
+koStringProcedure::~koStringProcedure() = default;
+
+void koIgnoreString::operator()(const char* /*path*/) const {}
+
+void koDirectorySizeAdder::operator()(const char* path) const {
+  *total_ += koGetFileSize(path);
+}
+
+int koFindMatchingFilesAndDirs(const char* pattern, const koStringProcedure& onFile,
+                               const koStringProcedure& onDir, int depth, bool stopAtFirst) {
+  if (pattern == nullptr) return 0;
+  const size_t patternLength = strnlen(pattern, kLongestPattern + 1);
+  if (patternLength == 0 || patternLength > kLongestPattern) return 0;
+
+  char dir[kDirBuffer];
+  if (strcmp(pattern, ".") == 0 || strcmp(pattern, ".\\") == 0 || strcmp(pattern, "./") == 0) {
+    if (depth < 1) return 0;
+    dir[0] = '\0';
+    return walk(dir, "*", onFile, onDir, depth - 1, stopAtFirst);
+  }
+  if (koIsRootDir(pattern)) {
+    if (depth < 1) return 0;
+    strcpy(dir, "/");  // NOLINT: fits
+    return walk(dir, "*", onFile, onDir, depth - 1, stopAtFirst);
+  }
+
+  const char* name = hpSeparatePathName(pattern, dir);
+  if (name == nullptr || strchr(dir, '*') != nullptr) return 0;
+  char parent[kDirBuffer];
+  if (*name == '\0') {
+    // "/a/b/" means the directory b itself: walk /a for the name b.
+    strcpy(parent, dir);  // NOLINT: same size
+    name = hpSeparatePathName(parent, dir);
+    if (name == nullptr) return 0;
+  }
+  koWashPathSep(dir);
+  return walk(dir, name, onFile, onDir, depth, stopAtFirst);
+}
+
+bool koMatchingFileOrDirExists(const char* pattern) {
+  koIgnoreString ignore;
+  return koFindMatchingFilesAndDirs(pattern, ignore, ignore, 0, true) == 1;
+}
+
+int64_t koGetDirectorySize(const char* dir) {
+  char pattern[kLongestPattern + 3];
+  size_t n = strnlen(dir, kLongestPattern);
+  memcpy(pattern, dir, n);
+  pattern[n] = '\0';
+  koAddPathSep(pattern);
+  strcat(pattern, "*");  // NOLINT: room reserved above
+  int64_t total = 0;
+  koDirectorySizeAdder adder(&total);
+  koIgnoreString ignore;
+  koFindMatchingFilesAndDirs(pattern, adder, ignore, 4096, false);
+  return total;
+}

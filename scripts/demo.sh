@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Builds the library and runs the demonstration in a temporary directory.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+cmake -S . -B build/normal -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build/normal -j "$(nproc)"
+work=$(mktemp -d /tmp/korvel_demo.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+build/normal/examples/korvel_demo "$work"

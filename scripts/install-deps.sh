@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Installs, from Debian packages, whatever the build and the tests need and
+# the machine lacks. Safe to run again; needs root (or sudo) only when
+# something is missing.
+set -euo pipefail
+
+packages=(cmake ninja-build g++ pkg-config libboost-thread-dev libgtest-dev libgmock-dev
+          libbenchmark-dev clang-format)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+echo "installing: ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

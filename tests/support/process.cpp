@@ -1,0 +1,61 @@
+#include "tests/support/process.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "tests/support/temp_dir.h"
+
+namespace korvel_test {
+
+pid_t forkChild(const std::function<int()>& body) {
+  fflush(nullptr);
+  std::cout.flush();
+  std::cerr.flush();
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  int code = 99;
+  try {
+    code = body();
+  } catch (...) {
+  }
+  fflush(nullptr);
+  std::cout.flush();
+  std::cerr.flush();
+  _exit(code);
+}
+
+int waitChild(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+int runInChild(const std::function<int()>& body) {
+  return waitChild(forkChild(body));
+}
+
+int runInChildCapturing(const std::function<int()>& body, std::string* out, std::string* err) {
+  TempDir files;
+  const std::string outPath = files / "stdout";
+  const std::string errPath = files / "stderr";
+  int code = runInChild([&] {
+    int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) return 98;
+    return body();
+  });
+  if (out != nullptr) *out = readFile(outPath);
+  if (err != nullptr) *err = readFile(errPath);
+  return code;
+}
+
+}  // namespace korvel_test

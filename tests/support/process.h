@@ -1,0 +1,30 @@
+// Multi-process helpers for tests: run a function in a forked child and
+// collect its exit status.
+#ifndef KORVEL_TESTS_SUPPORT_PROCESS_H_
+#define KORVEL_TESTS_SUPPORT_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+namespace korvel_test {
+
+// Forks; the child runs body and exits with its result (an escaping exception
+// gives 99). Returns the child's pid, or -1.
+pid_t forkChild(const std::function<int()>& body);
+
+// Waits for pid and returns its exit code, or 128 + signal number when it
+// was killed, or -1 when waiting failed.
+int waitChild(pid_t pid);
+
+// forkChild + waitChild.
+int runInChild(const std::function<int()>& body);
+
+// Runs body in a child with its standard output and standard error captured;
+// returns the exit code and stores what was written.
+int runInChildCapturing(const std::function<int()>& body, std::string* out, std::string* err);
+
+}  // namespace korvel_test
+
+#endif  // KORVEL_TESTS_SUPPORT_PROCESS_H_

@@ -1,0 +1,46 @@
+// Test fixture support: a fresh temporary directory per test, removed with
+// everything in it afterwards (also trees whose paths exceed PATH_MAX).
+#ifndef KORVEL_TESTS_SUPPORT_TEMP_DIR_H_
+#define KORVEL_TESTS_SUPPORT_TEMP_DIR_H_
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace korvel_test {
+
+// Creates a directory below $TMPDIR (or /tmp) and removes it, recursively and
+// whatever its modes, on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // path() + "/" + name
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Removes the tree at dirfd/name without building full paths, so it works
+// below PATH_MAX depth too. Adds owner permissions where needed.
+void removeTree(const std::string& path);
+
+// Writes text to the file at path (created or truncated); fails the test on error.
+void writeFile(const std::string& path, const std::string& text);
+// Reads the whole file; empty when it cannot be read.
+std::string readFile(const std::string& path);
+
+class TempDirTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+  std::string at(const std::string& name) const { return dir_ / name; }
+};
+
+}  // namespace korvel_test
+
+#endif  // KORVEL_TESTS_SUPPORT_TEMP_DIR_H_
