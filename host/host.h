@@ -75,4 +75,19 @@ KORVEL_HOST_API char* hostGetDirList(const char* pathPattern, int flags);
 // equivalent for UTF-8 text.
 KORVEL_HOST_API const char* hostMultiByteStrStr(const char* haystack, const char* needle);
 
+// ---- Threads ----
+
+// Host thread handle, written by host_create_thread.
+typedef unsigned long long korvel_host_thread_t;
+typedef void* (*korvel_thread_entry)(void*);
+
+// Starts entry(argument) on a new joinable thread and stores its handle.
+// Returns 0 on success, an error number otherwise.
+KORVEL_HOST_API int host_create_thread(korvel_host_thread_t* handle, korvel_thread_entry entry,
+                                       void* argument);
+// Starts entry(argument) on a new detached thread. Returns 0 on success.
+KORVEL_HOST_API int host_create_detached_thread(korvel_thread_entry entry, void* argument);
+// Waits for the thread and returns entry's result (null if it cannot wait).
+KORVEL_HOST_API void* host_join_thread(korvel_host_thread_t handle);
+
 #endif  // KORVEL_HOST_HOST_H_

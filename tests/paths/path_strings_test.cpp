@@ -36,7 +36,9 @@ class CwdGuard {
  public:
   CwdGuard() { saved_ = getcwd(buf_, sizeof buf_) != nullptr; }
   ~CwdGuard() {
-    if (saved_) EXPECT_EQ(chdir(buf_), 0);
+    if (saved_) {
+      EXPECT_EQ(chdir(buf_), 0);
+    }
   }
 
  private:
