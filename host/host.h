@@ -90,4 +90,14 @@ KORVEL_HOST_API int host_create_detached_thread(korvel_thread_entry entry, void*
 // Waits for the thread and returns entry's result (null if it cannot wait).
 KORVEL_HOST_API void* host_join_thread(korvel_host_thread_t handle);
 
+// ---- Files ----
+
+// remove(3): unlinks a file or removes an empty directory. Returns 0, or -1
+// with errno set.
+KORVEL_HOST_API int hostRemoveFile(const char* path);
+
+// open(2) followed by close(2): creates or opens the file with flags and
+// mode and closes it at once. Returns 0, or -1 with errno set.
+KORVEL_HOST_API int hostOpenAndClose(const char* path, int flags, unsigned mode);
+
 #endif  // KORVEL_HOST_HOST_H_

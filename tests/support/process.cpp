@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "tests/support/temp_dir.h"
@@ -56,6 +57,36 @@ int runInChildCapturing(const std::function<int()>& body, std::string* out, std:
   if (out != nullptr) *out = readFile(outPath);
   if (err != nullptr) *err = readFile(errPath);
   return code;
+}
+
+pid_t spawn(const std::string& program, const std::vector<std::string>& args,
+            const std::vector<std::string>& env, const std::string& outPath,
+            const std::string& errPath) {
+  std::vector<std::string> environment;
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (strncmp(*e, "KORVEL_", 7) != 0) environment.push_back(*e);
+  }
+  environment.insert(environment.end(), env.begin(), env.end());
+  std::vector<char*> argv{const_cast<char*>(program.c_str())};
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
+  envp.push_back(nullptr);
+
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid != 0) return pid;
+  if (!outPath.empty()) {
+    int fd = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || dup2(fd, 1) < 0) _exit(97);
+  }
+  if (!errPath.empty()) {
+    int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || dup2(fd, 2) < 0) _exit(97);
+  }
+  execve(program.c_str(), argv.data(), envp.data());
+  _exit(96);
 }
 
 }  // namespace korvel_test

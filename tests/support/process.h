@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace korvel_test {
 
@@ -24,6 +25,14 @@ int runInChild(const std::function<int()>& body);
 // Runs body in a child with its standard output and standard error captured;
 // returns the exit code and stores what was written.
 int runInChildCapturing(const std::function<int()>& body, std::string* out, std::string* err);
+
+// Starts program with args in a new process (fork + exec). The environment
+// is this process's without any KORVEL_* variable, plus env ("NAME=value").
+// Standard output and error go to outPath and errPath when not empty.
+// Returns the pid, or -1.
+pid_t spawn(const std::string& program, const std::vector<std::string>& args,
+            const std::vector<std::string>& env = {}, const std::string& outPath = "",
+            const std::string& errPath = "");
 
 }  // namespace korvel_test
 
