@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -24,11 +25,19 @@
 
 // Fault injection through the host layer: exclusive creates and removals
 // under a chosen prefix fail (with EPERM, as some network mounts answer).
-static std::string failCreatesUnder;
-static std::string failRemovesUnder;
+// The switches may be flipped by one thread while another uses the lock.
+static std::mutex faultMutex;
+static std::string failCreatesUnder;  // guarded by faultMutex
+static std::string failRemovesUnder;  // guarded by faultMutex
 static std::atomic<int> removeCalls{0};
 
+static void setFault(std::string& which, const std::string& prefix) {
+  std::lock_guard<std::mutex> lock(faultMutex);
+  which = prefix;
+}
+
 static bool under(const std::string& prefix, const char* path) {
+  std::lock_guard<std::mutex> lock(faultMutex);
   return !prefix.empty() && strncmp(path, prefix.c_str(), prefix.size()) == 0;
 }
 
@@ -89,8 +98,8 @@ time_t earlyInSecond() {
 class FsLockTest : public TempDirTest {
  protected:
   ~FsLockTest() override {
-    failCreatesUnder.clear();
-    failRemovesUnder.clear();
+    setFault(failCreatesUnder, "");
+    setFault(failRemovesUnder, "");
   }
   std::string lockFile(int level) const { return at(".deploy_lock." + std::to_string(level)); }
 };
@@ -124,10 +133,10 @@ TEST_F(FsLockTest, IntFilesAndRemovalWithPatience) {
 
   // Unbounded: keeps trying until the file can go.
   korvel_test::writeFile(f, "1");
-  failRemovesUnder = f;
+  setFault(failRemovesUnder, f);
   std::thread unblock([] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    failRemovesUnder.clear();
+    setFault(failRemovesUnder, "");
   });
   EXPECT_TRUE(removeFileWithTenacity(f.c_str(), kForever, 0.0));
   unblock.join();
@@ -254,7 +263,7 @@ TEST_F(FsLockTest, MissingDirectoryThrowsWithThePath) {
 
 TEST_F(FsLockTest, RefusedCreatesMeanTakenWhateverTheError) {
   // Every exclusive create fails with EPERM: acquisition times out quietly.
-  failCreatesUnder = dir_.path();
+  setFault(failCreatesUnder, dir_.path());
   koDirectoryExclusiveLock lock(dir_.path(), "t");
   EXPECT_FALSE(lock.acquire(0, TimeUnit::sSeconds(), true));
   EXPECT_FALSE(lock.acquire(200, TimeUnit::sMilliseconds(), true));
@@ -288,7 +297,7 @@ TEST_F(FsLockTest, UnremovableQueueFileIsReported) {
   EXPECT_EQ(korvel_test::runInChildCapturing(
                 [&] {
                   warningLog.enabled = true;
-                  failRemovesUnder = queueFile;
+                  setFault(failRemovesUnder, queueFile);
                   koDirectoryExclusiveLock waiter(dir, "waiter");
                   return waiter.acquire(0, TimeUnit::sSeconds(), true) ? 1 : 0;
                 },
