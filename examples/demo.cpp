@@ -8,7 +8,9 @@
 #include <cstring>
 #include <string>
 
+#include "korvel/fs_lock.h"
 #include "korvel/paths.h"
+#include "korvel/threads.h"
 #include "korvel/version.h"
 
 namespace {
@@ -60,6 +62,38 @@ void walkerTour(const std::string& dir) {
               koMatchingFileOrDirExists((dir + "/a/*.log").c_str()) ? "yes" : "no");
 }
 
+void threadsTour() {
+  std::printf("\n== Thread pool ==\n");
+  koPooledThreadFactory pool(0, 16);
+  koThread* previous = nullptr;
+  for (int i = 0; i < 3; ++i) {
+    koThread* t = pool.createThread([]() -> void* { return nullptr; });
+    t->start(false);
+    t->join();
+    pool.recycle(t);
+    std::printf("  round %d ran on pooled thread %p%s\n", i, static_cast<void*>(t),
+                t == previous ? " (reused)" : "");
+    previous = t;
+  }
+}
+
+void lockTour(const std::string& dir) {
+  using Zentha::System::TimeUnit;
+  std::printf("\n== Exclusive directory lock ==\n");
+  koDirectoryExclusiveLock first(dir, "first");
+  koDirectoryExclusiveLock second(dir, "second");
+  std::printf("  first.acquire:  %s\n",
+              first.acquire(5, TimeUnit::sSeconds(), false) ? "held" : "no");
+  std::printf("  lock file %s exists: %s\n", (dir + "/.deploy_lock.0").c_str(),
+              koFileExists((dir + "/.deploy_lock.0").c_str()) ? "yes" : "no");
+  std::printf("  second.acquire(0): %s\n",
+              second.acquire(0, TimeUnit::sSeconds(), true) ? "held" : "busy, as expected");
+  first.release(5, TimeUnit::sSeconds());
+  std::printf("  after release, second.acquire(0): %s\n",
+              second.acquire(0, TimeUnit::sSeconds(), true) ? "held" : "busy");
+  second.release(5, TimeUnit::sSeconds());
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -74,5 +108,7 @@ int main(int argc, char** argv) {
   }
   pathsTour(dir);
   walkerTour(dir);
+  threadsTour();
+  lockTour(dir);
   return 0;
 }
