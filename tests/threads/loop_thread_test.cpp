@@ -31,6 +31,13 @@ struct CountingFactory : koBasicThreadFactory {
   std::atomic<int> recycled{0};
 };
 
+// Frees the loop's mutex for a while so the worker can iterate.
+void letLoopRun(Lock& lock, milliseconds time) {
+  lock.unlock();
+  std::this_thread::sleep_for(time);
+  lock.lock();
+}
+
 // All fields are guarded by the loop's mutex.
 struct Probe {
   int iterations = 0;
@@ -92,9 +99,7 @@ TEST(LoopThread, ShortWaitsReturnAtOnceAndReportAPendingStop) {
       &pool);
   Lock lock(mutex);
   loop.start(lock);
-  lock.unlock();
-  std::this_thread::sleep_for(milliseconds(300));
-  lock.lock();
+  letLoopRun(lock, milliseconds(300));
   loop.stop(lock);
   ASSERT_GE(probe.results.size(), 10u) << "1 ms waits must not block for a second";
   EXPECT_TRUE(probe.results.back());
@@ -117,9 +122,7 @@ TEST(LoopThread, LongWaitTimesOutOrIsWoken) {
       &pool);
   Lock lock(mutex);
   loop.start(lock);
-  lock.unlock();
-  std::this_thread::sleep_for(milliseconds(2500));
-  lock.lock();
+  letLoopRun(lock, milliseconds(2500));
   loop.stop(lock);
   EXPECT_GE(probe.iterations, 1) << "the first wait should have run to its deadline";
   ASSERT_FALSE(probe.results.empty());
@@ -139,9 +142,7 @@ TEST(LoopThread, BrokenLoopStopsWithoutWaiting) {
       &factory);
   Lock lock(mutex);
   loop.start(lock);
-  lock.unlock();
-  std::this_thread::sleep_for(milliseconds(100));
-  lock.lock();
+  letLoopRun(lock, milliseconds(100));
   EXPECT_EQ(probe.iterations, 1) << "breakLoop ends the loop";
   loop.stop(lock);
   EXPECT_EQ(factory.recycled, 1);
