@@ -57,6 +57,40 @@ void BM_Flock(benchmark::State& state) {
 }
 BENCHMARK(BM_Flock);
 
+// The read-write lock, uncontended: each acquisition takes and releases the
+// directory lock twice (once to create, once to remove the lock file). An
+// infinite wait queues for the directory lock with one 10 ms polling cycle
+// each time; a finite one (below 1000 s) makes a single immediate attempt.
+// With refresh, each acquisition also starts and stops the refresh loop.
+template <class Handle>
+void rwUncontended(benchmark::State& state, Handle (koDirectoryReadWriteLock::*get)() const) {
+  ScratchDir dir;
+  koDirectoryReadWriteLock rw(dir.path);
+  Handle handle = (rw.*get)();
+  const bool noRefresh = state.range(0) == 0;
+  const unsigned long timeout = state.range(1) == 1 ? static_cast<unsigned long>(-1) : 10;
+  for (auto _ : state) {
+    handle.acquire(timeout, TimeUnit::sSeconds(), noRefresh);
+    handle.release(timeout, TimeUnit::sSeconds());
+  }
+}
+
+void BM_ReadLockUncontended(benchmark::State& state) {
+  rwUncontended(state, &koDirectoryReadWriteLock::getReadLock);
+}
+BENCHMARK(BM_ReadLockUncontended)
+    ->ArgNames({"refresh", "infinite"})
+    ->ArgsProduct({{0, 1}, {0, 1}})
+    ->UseRealTime();
+
+void BM_WriteLockUncontended(benchmark::State& state) {
+  rwUncontended(state, &koDirectoryReadWriteLock::getWriteLock);
+}
+BENCHMARK(BM_WriteLockUncontended)
+    ->ArgNames({"refresh", "infinite"})
+    ->ArgsProduct({{0, 1}, {0, 1}})
+    ->UseRealTime();
+
 // 4 processes each take and release the lock `rounds` times with infinite
 // time-out; reports hand-offs per second.
 void BM_HandoffFourProcesses(benchmark::State& state) {

@@ -7,12 +7,10 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -20,69 +18,16 @@
 
 #include "fs_lock/fs_lock_internal.h"
 #include "fs_lock/path_string.h"
+#include "tests/fs_lock/lock_test_support.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
-// Fault injection through the host layer: exclusive creates and removals
-// under a chosen prefix fail (with EPERM, as some network mounts answer).
-// The switches may be flipped by one thread while another uses the lock.
-static std::mutex faultMutex;
-static std::string failCreatesUnder;  // guarded by faultMutex
-static std::string failRemovesUnder;  // guarded by faultMutex
-static std::atomic<int> removeCalls{0};
-
-static void setFault(std::string& which, const std::string& prefix) {
-  std::lock_guard<std::mutex> lock(faultMutex);
-  which = prefix;
-}
-
-static bool under(const std::string& prefix, const char* path) {
-  std::lock_guard<std::mutex> lock(faultMutex);
-  return !prefix.empty() && strncmp(path, prefix.c_str(), prefix.size()) == 0;
-}
-
-extern "C" int hostOpenAndClose(const char* path, int flags, unsigned mode) {
-  if ((flags & O_CREAT) != 0 && under(failCreatesUnder, path)) {
-    errno = EPERM;
-    return -1;
-  }
-  int fd = open(path, flags, mode);
-  if (fd < 0) return -1;
-  close(fd);
-  return 0;
-}
-
-extern "C" int hostRemoveFile(const char* path) {
-  ++removeCalls;
-  if (under(failRemovesUnder, path)) {
-    errno = EPERM;
-    return -1;
-  }
-  return remove(path);
-}
-
 namespace {
 
+using korvel_test::entries;
 using korvel_test::TempDirTest;
 using Zentha::System::TimeUnit;
 const unsigned long kForever = static_cast<unsigned long>(-1);
-
-std::set<std::string> entries(const std::string& dir) {
-  std::set<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.insert(e->d_name);
-    }
-    closedir(d);
-  }
-  return names;
-}
-
-// Sets the modification time of path to whole second `seconds`.
-void setMtime(const std::string& path, time_t seconds) {
-  struct timeval times[2] = {{seconds, 0}, {seconds, 0}};
-  ASSERT_EQ(utimes(path.c_str(), times), 0);
-}
 
 // Waits until the clock is early in a second, so that a file written now
 // gets the same whole-second time as time() reports.
@@ -97,10 +42,7 @@ time_t earlyInSecond() {
 
 class FsLockTest : public TempDirTest {
  protected:
-  ~FsLockTest() override {
-    setFault(failCreatesUnder, "");
-    setFault(failRemovesUnder, "");
-  }
+  ~FsLockTest() override { korvel_test::clearHooks(); }
   std::string lockFile(int level) const { return at(".deploy_lock." + std::to_string(level)); }
 };
 
@@ -120,23 +62,23 @@ TEST_F(FsLockTest, IntFilesAndRemovalWithPatience) {
   EXPECT_FALSE(writeIntToFile(at("missing/n").c_str(), 1));
 
   const auto before = std::chrono::steady_clock::now();
-  removeCalls = 0;
+  korvel_test::removeCalls = 0;
   EXPECT_FALSE(removeFileWithTenacity(at("missing").c_str()));
   const auto spent = std::chrono::steady_clock::now() - before;
   EXPECT_GE(spent, std::chrono::milliseconds(19));
-  EXPECT_GT(removeCalls, 1);
-  removeCalls = 0;
+  EXPECT_GT(korvel_test::removeCalls, 1);
+  korvel_test::removeCalls = 0;
   EXPECT_FALSE(removeFileWithTenacity(at("missing").c_str(), 0, hostRealtime() - 10));
-  EXPECT_EQ(removeCalls, 1) << "one attempt even with a past deadline";
+  EXPECT_EQ(korvel_test::removeCalls, 1) << "one attempt even with a past deadline";
   EXPECT_TRUE(removeFileWithTenacity(f.c_str(), 0, 0.0));
   EXPECT_FALSE(koFileOrDirExists(f.c_str()));
 
   // Unbounded: keeps trying until the file can go.
   korvel_test::writeFile(f, "1");
-  setFault(failRemovesUnder, f);
+  korvel_test::failUnder(korvel_test::Fault::kRemove, f);
   std::thread unblock([] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    setFault(failRemovesUnder, "");
+    korvel_test::failUnder(korvel_test::Fault::kRemove, "");
   });
   EXPECT_TRUE(removeFileWithTenacity(f.c_str(), kForever, 0.0));
   unblock.join();
@@ -148,10 +90,10 @@ TEST_F(FsLockTest, StaleMeansMoreThanFifteenSecondsOnTheServerClock) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     const time_t now = earlyInSecond();
     koStaleLockRemover exactly;
-    setMtime(lock, now - 15);
+    ASSERT_TRUE(korvel_test::setMtime(lock, now - 15));
     exactly.update(lock.c_str());
     koStaleLockRemover older;
-    setMtime(lock, now - 16);
+    ASSERT_TRUE(korvel_test::setMtime(lock, now - 16));
     older.update(lock.c_str());
     if (time(nullptr) != now) continue;  // crossed a second: try again
     EXPECT_TRUE(exactly.staleFiles.empty());
@@ -174,7 +116,8 @@ TEST_F(FsLockTest, StaleTestToleratesVanishedFilesAndRemovesStaleOnes) {
   // Found through the walker, removed with tenacity.
   for (int i = 0; i < 3; ++i) {
     korvel_test::writeFile(at(".deploy_read_lock." + std::to_string(i)), "1");
-    setMtime(at(".deploy_read_lock." + std::to_string(i)), time(nullptr) - (i == 1 ? 5 : 60));
+    ASSERT_TRUE(korvel_test::setMtime(at(".deploy_read_lock." + std::to_string(i)),
+                                      time(nullptr) - (i == 1 ? 5 : 60)));
   }
   UpdateStaleLockStatus procedure(&remover);
   EXPECT_EQ(koFindMatchingFilesAndDirs((dir_ / ".deploy_read_lock.*").c_str(), procedure,
@@ -263,7 +206,7 @@ TEST_F(FsLockTest, MissingDirectoryThrowsWithThePath) {
 
 TEST_F(FsLockTest, RefusedCreatesMeanTakenWhateverTheError) {
   // Every exclusive create fails with EPERM: acquisition times out quietly.
-  setFault(failCreatesUnder, dir_.path());
+  korvel_test::failUnder(korvel_test::Fault::kCreate, dir_.path());
   koDirectoryExclusiveLock lock(dir_.path(), "t");
   EXPECT_FALSE(lock.acquire(0, TimeUnit::sSeconds(), true));
   EXPECT_FALSE(lock.acquire(200, TimeUnit::sMilliseconds(), true));
@@ -273,7 +216,7 @@ TEST_F(FsLockTest, RefusedCreatesMeanTakenWhateverTheError) {
 TEST_F(FsLockTest, StaleHolderIsTakenOverWithoutWaiting) {
   // A dead holder: its level-0 file was last refreshed 20 s ago.
   korvel_test::writeFile(lockFile(0), "4242");
-  setMtime(lockFile(0), time(nullptr) - 20);
+  ASSERT_TRUE(korvel_test::setMtime(lockFile(0), time(nullptr) - 20));
   koDirectoryExclusiveLock lock(dir_.path(), "waiter");
   const auto before = std::chrono::steady_clock::now();
   ASSERT_TRUE(lock.acquire(5, TimeUnit::sSeconds(), false));
@@ -297,7 +240,7 @@ TEST_F(FsLockTest, UnremovableQueueFileIsReported) {
   EXPECT_EQ(korvel_test::runInChildCapturing(
                 [&] {
                   warningLog.enabled = true;
-                  setFault(failRemovesUnder, queueFile);
+                  korvel_test::failUnder(korvel_test::Fault::kRemove, queueFile);
                   koDirectoryExclusiveLock waiter(dir, "waiter");
                   return waiter.acquire(0, TimeUnit::sSeconds(), true) ? 1 : 0;
                 },
@@ -336,8 +279,7 @@ TEST_F(LockProcessTest, KilledHolderIsTakenOver) {
   ASSERT_EQ(mkdir(locks.c_str(), 0755), 0);
   pid_t holder = start({"hold", locks}, {}, out);
   ASSERT_GT(holder, 0);
-  for (int i = 0; i < 500 && korvel_test::readFile(out) != "held\n"; ++i) usleep(10000);
-  ASSERT_EQ(korvel_test::readFile(out), "held\n");
+  ASSERT_TRUE(korvel_test::waitForFileText(out, "held\n", 5.0));
   kill(holder, SIGKILL);
   korvel_test::waitChild(holder);
 
