@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -43,16 +44,20 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Turns the warning channel on into a string for the life of the object.
+// Turns the warning channel on, into a file, for the life of the object.
+// A file because the refresh loop writes while the test reads.
 class WarningCapture {
  public:
-  WarningCapture() : saved_(warningLog) { warningLog = {true, &text_}; }
+  WarningCapture() : saved_(warningLog), stream_(dir_ / "warnings") {
+    warningLog = {true, &stream_};
+  }
   ~WarningCapture() { warningLog = saved_; }
-  std::string text() const { return text_.str(); }
+  std::string text() const { return korvel_test::readFile(dir_ / "warnings"); }
 
  private:
+  korvel_test::TempDir dir_;
   LogStream saved_;
-  std::ostringstream text_;
+  std::ofstream stream_;
 };
 
 class RwLockTest : public TempDirTest {
