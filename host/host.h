@@ -14,7 +14,12 @@
 #ifndef KORVEL_HOST_HOST_H_
 #define KORVEL_HOST_HOST_H_
 
+#include <semaphore.h>
+#include <time.h>
+
+#include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 
 #include "korvel/export.h"
 
@@ -99,5 +104,48 @@ KORVEL_HOST_API int hostRemoveFile(const char* path);
 // open(2) followed by close(2): creates or opens the file with flags and
 // mode and closes it at once. Returns 0, or -1 with errno set.
 KORVEL_HOST_API int hostOpenAndClose(const char* path, int flags, unsigned mode);
+
+// ---- Messages ----
+
+// A catalogue of numbered messages, as handed to the host's message service.
+// An identifier is (facility << 16) | number.
+struct korvel_message_table {
+  int32_t count;     // messages in the catalogue
+  int32_t facility;  // the high 16 bits of every identifier
+  // (number, facility) per message in order, ended by 0xFFFF, 0xFFFF.
+  const uint16_t* numbers;
+  const char* const* names;  // symbolic identifier names, in order
+  const char* const* texts;  // printf-style texts, in order
+  const char* extra;         // service-specific; may be empty
+};
+
+// The contexts of the host's memory and message services; the defaults have
+// none and return null.
+KORVEL_HOST_API void* hostGetMemoryContext();
+KORVEL_HOST_API void* hostGetMessageContext();
+// Makes the table's identifiers known to the message service. The table
+// must outlive the process's use of it. Returns 0.
+KORVEL_HOST_API int host_add_primary_message_table(void* memoryContext,
+                                                   const korvel_message_table* table);
+// Formats the message identifier with args into buffer (at most size bytes
+// including the NUL). Returns the characters written, or a value below 1
+// when the identifier is unknown or nothing could be written. The default
+// looks the identifier up in the tables added so far and uses vsnprintf.
+KORVEL_HOST_API int host_vsprintm(void* messageContext, char* buffer, size_t size,
+                                  int32_t identifier, va_list args);
+
+// ---- Named semaphores ----
+
+// POSIX named semaphores (sem_overview(7)). hostSemOpen returns null, the
+// others -1, on failure, with errno set.
+KORVEL_HOST_API sem_t* hostSemOpen(const char* name, int flags, unsigned mode, unsigned value);
+KORVEL_HOST_API int hostSemClose(sem_t* semaphore);
+KORVEL_HOST_API int hostSemUnlink(const char* name);
+KORVEL_HOST_API int hostSemWait(sem_t* semaphore);
+// deadline is absolute, on the system clock.
+KORVEL_HOST_API int hostSemTimedWait(sem_t* semaphore, const struct timespec* deadline);
+KORVEL_HOST_API int hostSemTryWait(sem_t* semaphore);
+KORVEL_HOST_API int hostSemPost(sem_t* semaphore);
+KORVEL_HOST_API int hostSemGetValue(sem_t* semaphore, int* value);
 
 #endif  // KORVEL_HOST_HOST_H_

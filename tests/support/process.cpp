@@ -59,6 +59,32 @@ int runInChildCapturing(const std::function<int()>& body, std::string* out, std:
   return code;
 }
 
+std::string captureStderr(const std::function<void()>& body) {
+  TempDir files;
+  const std::string errPath = files / "stderr";
+  fflush(stderr);
+  const int saved = dup(2);
+  const int file = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  if (saved < 0 || file < 0 || dup2(file, 2) < 0) {
+    ADD_FAILURE() << "cannot redirect standard error";
+    return "";
+  }
+  close(file);
+  struct Restore {
+    int saved;
+    ~Restore() {
+      fflush(stderr);
+      dup2(saved, 2);
+      close(saved);
+    }
+  };
+  {
+    Restore restore{saved};
+    body();
+  }
+  return readFile(errPath);
+}
+
 pid_t spawn(const std::string& program, const std::vector<std::string>& args,
             const std::vector<std::string>& env, const std::string& outPath,
             const std::string& errPath) {

@@ -26,6 +26,10 @@ int runInChild(const std::function<int()>& body);
 // returns the exit code and stores what was written.
 int runInChildCapturing(const std::function<int()>& body, std::string* out, std::string* err);
 
+// Runs body in this process with file descriptor 2 sent to a temporary
+// file; returns what was written to it.
+std::string captureStderr(const std::function<void()>& body);
+
 // Starts program with args in a new process (fork + exec). The environment
 // is this process's without any KORVEL_* variable, plus env ("NAME=value").
 // Standard output and error go to outPath and errPath when not empty.
