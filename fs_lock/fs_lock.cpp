@@ -35,7 +35,7 @@
 #include <sstream>
 
 #include "fs_lock/fs_lock_internal.h"
-#include "fs_lock/path_string.h"
+#include "paths/path_string.h"
 #include "host/host.h"
 
 namespace {

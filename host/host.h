@@ -105,6 +105,17 @@ KORVEL_HOST_API int hostRemoveFile(const char* path);
 // mode and closes it at once. Returns 0, or -1 with errno set.
 KORVEL_HOST_API int hostOpenAndClose(const char* path, int flags, unsigned mode);
 
+// ---- Shared libraries ----
+
+// Loads (or takes another reference to) the shared library at path; null on
+// failure. *status, when status is not null, is 0 on success and 1 on
+// failure.
+KORVEL_HOST_API void* hostLoadLibrary(const char* path, int* status);
+// The address of symbol in the library (or its dependencies); null if none.
+KORVEL_HOST_API void* hostFindSymbolInLibrary(void* library, const char* symbol);
+// Gives back a reference taken by hostLoadLibrary.
+KORVEL_HOST_API void hostUnloadLibrary(void* library);
+
 // ---- Messages ----
 
 // A catalogue of numbered messages, as handed to the host's message service.

@@ -1,5 +1,6 @@
 // The wildcard directory walker and the procedures built on it.
 #include <cstring>
+#include <memory>
 
 #include "host/host.h"
 #include "korvel/paths.h"
@@ -9,7 +10,8 @@ namespace {
 
 constexpr size_t kLongestPattern = 4096;
 // Every directory text the walker builds lives in one buffer of this size,
-// extended and cut back as the walk goes.
+// extended and cut back as the walk goes. The buffers are on the heap:
+// procedures may walk again (a recursive remove walks once per level).
 constexpr size_t kDirBuffer = 4352;
 
 // True when dir (of length dirLength) joined with name fits the buffer.
@@ -65,7 +67,8 @@ int koFindMatchingFilesAndDirs(const char* pattern, const koStringProcedure& onF
   const size_t patternLength = strnlen(pattern, kLongestPattern + 1);
   if (patternLength == 0 || patternLength > kLongestPattern) return 0;
 
-  char dir[kDirBuffer];
+  std::unique_ptr<char[]> dirBuffer(new char[kDirBuffer]);
+  char* dir = dirBuffer.get();
   if (strcmp(pattern, ".") == 0 || strcmp(pattern, ".\\") == 0 || strcmp(pattern, "./") == 0) {
     if (depth < 1) return 0;
     dir[0] = '\0';
@@ -79,11 +82,12 @@ int koFindMatchingFilesAndDirs(const char* pattern, const koStringProcedure& onF
 
   const char* name = hpSeparatePathName(pattern, dir);
   if (name == nullptr || strchr(dir, '*') != nullptr) return 0;
-  char parent[kDirBuffer];
+  std::unique_ptr<char[]> parent;  // holds the name below, when needed
   if (*name == '\0') {
     // "/a/b/" means the directory b itself: walk /a for the name b.
-    strcpy(parent, dir);  // NOLINT: same size
-    name = hpSeparatePathName(parent, dir);
+    parent.reset(new char[kDirBuffer]);
+    strcpy(parent.get(), dir);  // NOLINT: same size
+    name = hpSeparatePathName(parent.get(), dir);
     if (name == nullptr) return 0;
   }
   koWashPathSep(dir);

@@ -12,6 +12,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <iterator>
+#include <memory>
+#include <string>
 
 #include "korvel/export.h"
 
@@ -116,5 +120,136 @@ KORVEL_EXPORT bool koMatchingFileOrDirExists(const char* pattern);
 // Sum of the sizes of all non-directory entries below dir, at any depth; 0
 // for an empty or missing directory.
 KORVEL_EXPORT int64_t koGetDirectorySize(const char* dir);
+
+// ---- Permissions, recursive create and remove ----
+//
+// Modes are the whole st_mode word, file-type bits included; 0 when the path
+// cannot be stat'ed (no chmod is attempted then). Nothing here prints or
+// throws for file-system errors.
+
+extern "C" {
+
+// chmod(2); returns its result (0 or -1).
+KORVEL_EXPORT int koSetFilePermissions(const char* path, unsigned mode);
+KORVEL_EXPORT unsigned koGetFilePermissions(const char* path);
+// Adds, or takes away, the owner, group and other write bits (0222);
+// returns the mode before the change.
+KORVEL_EXPORT unsigned koEnableWritePermission(const char* path);
+KORVEL_EXPORT unsigned koDisableWritePermission(const char* path);
+
+// Creates the directory and every missing parent with mode 0775 (less the
+// umask). True when every component is a directory afterwards; on failure
+// the directories already made stay. False for a null or empty path.
+KORVEL_EXPORT bool koMkdirP(const char* path);
+
+// Removes a file or a whole tree, children first, making each object
+// writable before trying it. Whatever cannot be removed stays with the mode
+// it had; the directories above it stay too. Symbolic links are removed, never
+// followed. The root directory is refused.
+//
+// Returns true when the path existed (its mode could be read), not when
+// everything went: test for existence afterwards when that matters.
+KORVEL_EXPORT bool koRemoveRF(const char* path);
+
+}  // extern "C"
+
+// A walker procedure calling a plain function with each path, ignoring its
+// result. Holds a reference to the caller's function pointer.
+template <class Function>
+class koStringProcedureAdapter : public koStringProcedure {
+ public:
+  explicit koStringProcedureAdapter(Function& function) : function_(function) {}
+  void operator()(const char* path) const override { function_(path); }
+
+ private:
+  Function& function_;
+};
+
+// ---- Loaded modules ----
+
+extern "C" {
+
+// The file of the module (executable or shared library) that contains
+// address, as the dynamic linker recorded it (possibly relative); empty when
+// no module does. Clears size bytes of buffer and writes at most size - 1
+// characters. Always true.
+KORVEL_EXPORT bool koGetCurrentModulePath(void* address, char* buffer, unsigned long size);
+
+// Searches the executable mappings of this process, in order, for the module
+// whose resolved path best matches name and that exports every one of the
+// symbolCount symbols (loaded with hostLoadLibrary to check). A module whose
+// file name begins with name wins at once; otherwise the first with name in
+// its file name, else the first with name anywhere in its path (every module
+// when name is null). Writes the path to output (room for 8706 characters)
+// and returns output, or null when no module qualified.
+KORVEL_EXPORT char* koGetLoadedModuleFullPath(char* output, const char* name, const char** symbols,
+                                              unsigned long symbolCount);
+
+}  // extern "C"
+
+class KORVEL_EXPORT koStringPredicate {
+ public:
+  virtual ~koStringPredicate();
+  // True: the answer is found, stop.
+  virtual bool operator()(const char* path) = 0;
+};
+
+// Judges module paths for koGetLoadedModuleFullPath and keeps the best.
+class KORVEL_EXPORT koLoadedModuleNameChecker : public koStringPredicate {
+ public:
+  // name may be null (every module matches). output receives the chosen
+  // path and needs room for 8706 characters.
+  koLoadedModuleNameChecker(const char* name, char* output, const char** symbols,
+                            unsigned long symbolCount);
+  bool operator()(const char* path) override;
+  // output once a module was chosen, else null.
+  char* result() const { return result_; }
+  int bestScore() const { return bestScore_; }
+
+ private:
+  const char* name_;
+  char* output_;
+  char* result_ = nullptr;
+  const char** symbols_;
+  unsigned long symbolCount_;
+  int bestScore_ = -1;
+  bool libraryFlag_ = false;
+};
+
+// The module paths of a mappings file ("/proc/<pid>/maps"): the pathname of
+// every readable, executable, private mapping, in file order; a module
+// mapped several times appears each time. Tokens are separated by blanks,
+// so a path with blanks is cut at the first. An input iterator.
+class KORVEL_EXPORT koLoadedModuleListIterator {
+ public:
+  typedef std::input_iterator_tag iterator_category;
+  typedef const char* value_type;
+  typedef std::ptrdiff_t difference_type;
+  typedef const char* const* pointer;
+  typedef const char* reference;
+
+  static const int END = 2147483647;
+
+  // Positioned at the module with that index (0 is the first), or at the
+  // end when there are fewer. Reads stream when given (left open), else
+  // opens mapsPath. END makes the end iterator without reading.
+  koLoadedModuleListIterator(const char* mapsPath, int index, FILE* stream);
+
+  const char* operator*() const { return current_.c_str(); }
+  koLoadedModuleListIterator& operator++();
+  bool operator==(const koLoadedModuleListIterator& other) const {
+    return position_ == other.position_;
+  }
+  bool operator!=(const koLoadedModuleListIterator& other) const { return !(*this == other); }
+
+ private:
+  // Reads up to the next module path; at the end of the stream moves to END.
+  void readNext();
+
+  std::shared_ptr<FILE> stream_;
+  char format_[16];
+  int position_ = -1;
+  std::string current_;
+};
 
 #endif  // KORVEL_PATHS_H_

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "fs_lock/fs_lock_internal.h"
-#include "fs_lock/path_string.h"
+#include "paths/path_string.h"
 #include "tests/fs_lock/lock_test_support.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"

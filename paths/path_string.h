@@ -1,8 +1,8 @@
 // koPathString_: a string that keeps itself normalised. Every assignment
 // stores the text and then applies the normaliser; by default runs of
 // slashes collapse to one and surrounding white space is trimmed.
-#ifndef KORVEL_FS_LOCK_PATH_STRING_H_
-#define KORVEL_FS_LOCK_PATH_STRING_H_
+#ifndef KORVEL_PATHS_PATH_STRING_H_
+#define KORVEL_PATHS_PATH_STRING_H_
 
 #include <boost/shared_ptr.hpp>
 #include <cstring>
@@ -104,4 +104,4 @@ std::ostream& operator<<(std::ostream& out, const koPathString_<String>& path) {
 
 typedef koPathString_<std::string> koPathString;
 
-#endif  // KORVEL_FS_LOCK_PATH_STRING_H_
+#endif  // KORVEL_PATHS_PATH_STRING_H_
