@@ -9,6 +9,7 @@
 #include <string>
 
 #include "korvel/fs_lock.h"
+#include "korvel/ipc.h"
 #include "korvel/paths.h"
 #include "korvel/threads.h"
 #include "korvel/version.h"
@@ -94,6 +95,59 @@ void lockTour(const std::string& dir) {
   second.release(5, TimeUnit::sSeconds());
 }
 
+void readWriteLockTour(const std::string& dir) {
+  using Zentha::System::TimeUnit;
+  std::printf("\n== Read-write directory lock ==\n");
+  koDirectoryReadWriteLock rw(dir);
+  koDirectoryReadWriteLock::ReadLock reader1 = rw.getReadLock();
+  koDirectoryReadWriteLock::ReadLock reader2 = rw.getReadLock();
+  koDirectoryReadWriteLock::WriteLock writer = rw.getWriteLock();
+  reader1.acquire(5, TimeUnit::sSeconds());
+  reader2.acquire(5, TimeUnit::sSeconds());
+  std::printf(
+      "  two readers hold it; read-lock files: %s\n",
+      koMatchingFileOrDirExists((dir + "/.deploy_read_lock.*").c_str()) ? "present" : "none");
+  std::printf("  writer.acquire(200 ms) while they read: %s\n",
+              writer.acquire(200, TimeUnit::sMilliseconds()) ? "held" : "refused, as expected");
+  reader1.release(5, TimeUnit::sSeconds());
+  reader2.release(5, TimeUnit::sSeconds());
+  std::printf("  after both let go, writer.acquire: %s\n",
+              writer.acquire(5, TimeUnit::sSeconds()) ? "held" : "no");
+  koDirectoryReadWriteLock::ReadLock downgraded = writer.downgrade(5, TimeUnit::sSeconds());
+  std::printf("  downgraded: writer held %s, now a reader held %s\n",
+              writer.isAcquired() ? "yes" : "no", downgraded.isAcquired() ? "yes" : "no");
+  downgraded.release(5, TimeUnit::sSeconds());
+}
+
+void treeTour(const std::string& dir) {
+  std::printf("\n== Recursive create and remove ==\n");
+  const std::string deep = dir + "/tree/x/y/z";
+  std::printf("  koMkdirP %s: %s\n", deep.c_str(), koMkdirP(deep.c_str()) ? "made" : "failed");
+  writeFile(deep + "/read-only", 10);
+  koDisableWritePermission((deep + "/read-only").c_str());
+  koDisableWritePermission(deep.c_str());
+  std::printf("  mode of z after koDisableWritePermission: %o\n",
+              koGetFilePermissions(deep.c_str()) & 07777);
+  koRemoveRF((dir + "/tree").c_str());
+  std::printf("  koRemoveRF of the read-only tree: %s\n",
+              koFileOrDirExists((dir + "/tree").c_str()) ? "still there" : "gone");
+}
+
+void semaphoreTour() {
+  std::printf("\n== Named semaphore ==\n");
+  const std::string name = "korvel_demo/" + std::to_string(getpid());
+  koSemaphoreIPC holder(name, 0, false);
+  koSemaphoreIPC other(name, 0, false);
+  holder.Open();
+  other.Open();
+  std::printf("  '%s' is the system semaphore '%s'\n", name.c_str(), holder.Name().c_str());
+  std::printf("  holder.TryAcquire: %s\n", holder.TryAcquire() ? "taken" : "busy");
+  std::printf("  other.TryAcquire: %s\n", other.TryAcquire() ? "taken" : "busy, as expected");
+  holder.Release();
+  std::printf("  after release, other.TryAcquire: %s\n", other.TryAcquire() ? "taken" : "busy");
+  other.Release();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -110,5 +164,8 @@ int main(int argc, char** argv) {
   walkerTour(dir);
   threadsTour();
   lockTour(dir);
+  readWriteLockTour(dir);
+  treeTour(dir);
+  semaphoreTour();
   return 0;
 }
