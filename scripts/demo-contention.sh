@@ -34,8 +34,10 @@ setsid "$tool" --exclusive "$dir" -- sleep 600 &
 holder=$!
 while [ ! -e "$dir/.deploy_write_lock" ]; do sleep 0.05; done
 say "holder (pid $holder) holds the lock"
-kill -9 -- "-$holder"
-wait "$holder" 2>/dev/null || true
+{
+  kill -9 -- "-$holder"
+  wait "$holder"
+} 2>/dev/null || true
 say "holder killed"
 "$tool" --status "$dir" | sed 's/^/  /'
 
