@@ -15,8 +15,10 @@
 //                            take the lock, print "held", hold it until
 //                            SIGTERM, release, print "released".
 //   lock_child rw-try DIR KIND MS
-//                            one acquire with a time-out of MS ms; exit 0
-//                            when it was held (and released), 1 when not.
+//                            try for MS ms to take the lock; exit 0 when it
+//                            was held (and released), 1 when not. A finite
+//                            acquire gives up when another process is busy
+//                            in the directory lock, so it is repeated.
 //   lock_child rw-mix DIR WORK M SEED
 //                            M acquisitions, about 40 % writes, no time-out.
 //                            Inside, markers in WORK detect overlaps and
@@ -27,6 +29,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -134,7 +137,11 @@ int rwTry(const std::string& dir, bool write, unsigned long ms) {
   koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
   koDirectoryReadWriteLock::AbstractLock& lock =
       write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
-  if (!lock.acquire(ms, TimeUnit::sMilliseconds(), true)) return 1;
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!lock.acquire(ms, TimeUnit::sMilliseconds(), true)) {
+    if (std::chrono::steady_clock::now() >= giveUp) return 1;
+    usleep(10000);
+  }
   return lock.release(kForever, TimeUnit::sSeconds()) ? 0 : 2;
 }
 
