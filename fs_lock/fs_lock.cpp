@@ -35,8 +35,8 @@
 #include <sstream>
 
 #include "fs_lock/fs_lock_internal.h"
-#include "paths/path_string.h"
 #include "host/host.h"
+#include "paths/path_string.h"
 
 namespace {
 
