@@ -208,6 +208,8 @@ char* koCanonicalizePath(char* out, size_t outSize, const char* in, size_t inLen
   if (!hpIsAbsolutePath(path)) {
     // The working directory is written into out, which may hold the path.
     if (path == out) {
+      // out may be larger than the library's path buffers.
+      length = std::min(length, kLongestPath);
       memcpy(relative, out, length);
       relative[length] = '\0';
       path = relative;

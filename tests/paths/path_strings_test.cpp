@@ -190,11 +190,15 @@ TEST(CanonicalizePath, NeverWritesPastOutSize) {
     EXPECT_LE(strlen(result), outSize);
     for (size_t i = outSize + 1; i < out.size(); ++i) ASSERT_EQ(out[i], '#') << outSize;
   }
-  // A relative input longer than the local buffers.
+  // A relative input longer than the local buffers, into outputs smaller and
+  // larger than them.
   std::string rel(20000, 'r');
-  std::vector<char> out(PATH_MAX + 1);
-  char* result = koCanonicalizePath(out.data(), PATH_MAX, rel.c_str(), rel.size());
-  EXPECT_LE(strlen(result), static_cast<size_t>(PATH_MAX));
+  for (size_t outSize : {size_t{PATH_MAX}, size_t{12000}}) {
+    std::vector<char> out(outSize + 1);
+    char* result = koCanonicalizePath(out.data(), outSize, rel.c_str(), rel.size());
+    EXPECT_LE(strlen(result), outSize);
+    EXPECT_EQ(result[0], '/') << "made absolute";
+  }
 }
 
 TEST_F(TempDirTest, QueriesFollowLinks) {
