@@ -43,47 +43,6 @@ namespace {
 
 const unsigned long kForever = static_cast<unsigned long>(-1);
 
-int countLoop(const std::string& dir, int rounds) {
-  koDirectoryExclusiveLock lock(dir, "counter");
-  const std::string inside = dir + "/inside";
-  const std::string counter = dir + "/counter";
-  int overlaps = 0;
-  for (int i = 0; i < rounds; ++i) {
-    if (!lock.acquire(kForever, TimeUnit::sSeconds(), false)) return 100;
-    int fd = open(inside.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
-    if (fd < 0) {
-      ++overlaps;
-    } else {
-      close(fd);
-    }
-    int value = 0;
-    if (FILE* in = fopen(counter.c_str(), "r")) {
-      if (fscanf(in, "%d", &value) != 1) value = 0;
-      fclose(in);
-    }
-    usleep(200);  // widen the window a lost update would need
-    if (FILE* out = fopen(counter.c_str(), "w")) {
-      fprintf(out, "%d", value + 1);
-      fclose(out);
-    }
-    if (fd >= 0) unlink(inside.c_str());
-    if (!lock.release(kForever, TimeUnit::sSeconds())) return 101;
-  }
-  return overlaps > 99 ? 99 : overlaps;
-}
-
-int once(const std::string& dir) {
-  koDirectoryExclusiveLock lock(dir, "once");
-  if (!lock.acquire(0, TimeUnit::sSeconds(), true)) return 1;
-  return lock.release(0, TimeUnit::sSeconds()) ? 0 : 2;
-}
-
-volatile sig_atomic_t terminated = 0;
-
-void onTerminate(int) {
-  terminated = 1;
-}
-
 bool createExclusive(const std::string& path) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
   if (fd < 0) return false;
@@ -111,6 +70,33 @@ void addOne(const std::string& counter) {
     fprintf(out, "%d", value + 1);
     fclose(out);
   }
+}
+
+int countLoop(const std::string& dir, int rounds) {
+  koDirectoryExclusiveLock lock(dir, "counter");
+  const std::string inside = dir + "/inside";
+  int overlaps = 0;
+  for (int i = 0; i < rounds; ++i) {
+    if (!lock.acquire(kForever, TimeUnit::sSeconds(), false)) return 100;
+    const bool alone = createExclusive(inside);
+    if (!alone) ++overlaps;
+    addOne(dir + "/counter");
+    if (alone) unlink(inside.c_str());
+    if (!lock.release(kForever, TimeUnit::sSeconds())) return 101;
+  }
+  return overlaps > 99 ? 99 : overlaps;
+}
+
+int once(const std::string& dir) {
+  koDirectoryExclusiveLock lock(dir, "once");
+  if (!lock.acquire(0, TimeUnit::sSeconds(), true)) return 1;
+  return lock.release(0, TimeUnit::sSeconds()) ? 0 : 2;
+}
+
+volatile sig_atomic_t terminated = 0;
+
+void onTerminate(int) {
+  terminated = 1;
 }
 
 int rwHold(const std::string& dir, bool write, bool noRefresh) {
