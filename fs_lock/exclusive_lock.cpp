@@ -23,8 +23,6 @@ namespace {
 
 constexpr unsigned int kPollingCycleMs = 10;
 
-const char kNoSuchDirectoryMessage[] = "Tried to obtain a lock on a non-existent directory";
-
 typedef boost::timed_mutex::scoped_lock ScopedLock;
 typedef boost::timed_mutex::scoped_timed_lock ScopedTimedLock;
 
@@ -253,14 +251,10 @@ std::string koDirectoryExclusiveLock::getLockFileName(int level) const {
   return name.str();
 }
 
-void koDirectoryExclusiveLock::throwNoSuchDirectory() const {
-  throw koNoSuchDirectory(kNoSuchDirectoryMessage + directory_);
-}
-
 bool koDirectoryExclusiveLock::openFile(int level, int flags) const {
   if (hostOpenAndClose(getLockFileName(level).c_str(), flags, 0777) == 0) return true;
   if (koIsDirectory(directory_.c_str())) return false;
-  throwNoSuchDirectory();
+  throwNoSuchDirectory(directory_);
 }
 
 bool koDirectoryExclusiveLock::createLockFileExclusive(int level) const {
@@ -275,13 +269,13 @@ bool koDirectoryExclusiveLock::touchLockFile(int level) {
   const int value = touchValue_++;
   if (writeIntToFile(getLockFileName(level).c_str(), value)) return true;
   if (koIsDirectory(directory_.c_str())) return false;
-  throwNoSuchDirectory();
+  throwNoSuchDirectory(directory_);
 }
 
 bool koDirectoryExclusiveLock::removeLockFile(int level) const {
   if (hostRemoveFile(getLockFileName(level).c_str()) >= 0) return true;
   if (koIsDirectory(directory_.c_str())) return false;
-  throwNoSuchDirectory();
+  throwNoSuchDirectory(directory_);
 }
 
 bool koDirectoryExclusiveLock::removeLockFileWithTenacity(int level, unsigned long timeout,

@@ -166,6 +166,10 @@ void koStaleLockRemover::removeStaleFile(const std::string& name) const {
 
 koNoSuchDirectory::~koNoSuchDirectory() = default;
 
+void throwNoSuchDirectory(const std::string& directory) {
+  throw koNoSuchDirectory("Tried to obtain a lock on a non-existent directory" + directory);
+}
+
 const char* koNoSuchDirectory::what() const noexcept {
   return message_.c_str();
 }

@@ -34,6 +34,9 @@ extern LogStream verboseLog;
 // set at load.
 extern LogStream warningLog;
 
+// Throws koNoSuchDirectory with the message that names directory.
+[[noreturn]] void throwNoSuchDirectory(const std::string& directory);
+
 // Reads one "%d" number; false if the file cannot be opened or holds none.
 bool readIntFromFile(const char* path, int& value);
 // Creates or truncates the file and writes value with "%d" (no newline);

@@ -29,8 +29,6 @@ namespace {
 
 constexpr unsigned int kPollingCycleMs = 10;
 
-const char kNoSuchDirectoryMessage[] = "Tried to obtain a lock on a non-existent directory";
-
 typedef koDirectoryReadWriteLock::ScopedLock ScopedLock;
 
 // What a lock operation hands to the directory lock. The remaining time is
@@ -56,10 +54,6 @@ void releaseDirLock(koDirectoryExclusiveLock& dirLock) {
 
 double deadlineFor(unsigned long n, const TimeUnit& unit) {
   return n == kInfiniteTimeout ? 0.0 : realtimeDeadline(n, unit);
-}
-
-[[noreturn]] void throwNoSuchDirectory(const std::string& directory) {
-  throw koNoSuchDirectory(kNoSuchDirectoryMessage + directory);
 }
 
 }  // namespace

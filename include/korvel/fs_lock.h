@@ -85,7 +85,6 @@ class KORVEL_EXPORT koDirectoryExclusiveLock : private boost::noncopyable {
   bool removeLockFileWithTenacity(int level, unsigned long timeout, double deadline) const;
   bool removeLockFileWithTenacity(int level) const;
   int queue(unsigned long timeout, double deadline);
-  [[noreturn]] void throwNoSuchDirectory() const;
 
   boost::timed_mutex processMutex_;
   std::string directory_;

@@ -19,6 +19,7 @@
 namespace {
 
 using korvel_test::entries;
+using korvel_test::secondsSince;
 using korvel_test::TempDirTest;
 using Zentha::System::TimeUnit;
 using ReadLock = koDirectoryReadWriteLock::ReadLock;
@@ -38,10 +39,6 @@ auto underMutex(const koDirectoryReadWriteLock& rw, F f) {
 bool loopRunning(const koDirectoryReadWriteLock& rw) {
   return underMutex(rw,
                     [](koDirectoryReadWriteLock::Impl& impl) { return impl.refreshLoopRunning(); });
-}
-
-double secondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 // Turns the warning channel on, into a file, for the life of the object.

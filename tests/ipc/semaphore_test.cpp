@@ -16,6 +16,7 @@
 namespace {
 
 using korvel_test::captureStderr;
+using korvel_test::secondsSince;
 
 // A system name no other run uses; unlinked again by the fixture.
 class SemaphoreTest : public ::testing::Test {
@@ -35,10 +36,6 @@ class SemaphoreTest : public ::testing::Test {
  private:
   std::vector<std::string> names_;
 };
-
-double secondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 TEST_F(SemaphoreTest, NamesAreFormedAndSlashSpellingsMeetInOneSemaphore) {
   EXPECT_EQ(koSemaphoreIPC("jobs/a/b", 0, false).Name(), "/jobs_a_b");

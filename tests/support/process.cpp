@@ -85,6 +85,10 @@ std::string captureStderr(const std::function<void()>& body) {
   return readFile(errPath);
 }
 
+double secondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 pid_t spawn(const std::string& program, const std::vector<std::string>& args,
             const std::vector<std::string>& env, const std::string& outPath,
             const std::string& errPath) {

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -29,6 +30,9 @@ int runInChildCapturing(const std::function<int()>& body, std::string* out, std:
 // Runs body in this process with file descriptor 2 sent to a temporary
 // file; returns what was written to it.
 std::string captureStderr(const std::function<void()>& body);
+
+// Wall time since start, in seconds (steady clock).
+double secondsSince(std::chrono::steady_clock::time_point start);
 
 // Starts program with args in a new process (fork + exec). The environment
 // is this process's without any KORVEL_* variable, plus env ("NAME=value").

@@ -18,6 +18,7 @@
 namespace {
 
 using korvel_test::readFile;
+using korvel_test::secondsSince;
 using korvel_test::TempDirTest;
 
 const int kTimedOut = 75;
@@ -27,10 +28,6 @@ struct Result {
   std::string out;
   std::string err;
 };
-
-double secondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 bool waitForFile(const std::string& path, double seconds) {
   const auto start = std::chrono::steady_clock::now();
