@@ -8,13 +8,20 @@
 // definition used by the library instead, because the dynamic linker binds
 // the library's calls to the first definition in the global scope, which is
 // the executable's. The same seam lets tests inject faults (a skewed clock,
-// a failing listing) by linking their own definitions.
+// a failing write, a fast poll) by linking their own definitions.
+//
+// The clock, sleep and file operations also have their default under a
+// second, strong name (hostDefault...), so that a host or a test that
+// wraps one of them can call through to what the library would have done.
 //
 // All operations may be called from any thread.
 #ifndef KORVEL_HOST_HOST_H_
 #define KORVEL_HOST_HOST_H_
 
 #include <semaphore.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/types.h>
 #include <time.h>
 
 #include <cstdarg>
@@ -33,6 +40,14 @@
 
 // Wall-clock time in seconds since the epoch.
 KORVEL_HOST_API double hostRealtime();
+// Seconds on a clock that never steps and keeps counting while the system
+// is suspended (CLOCK_BOOTTIME); for waits and leases.
+KORVEL_HOST_API double hostMonotonic();
+// Suspends the calling thread for about ms milliseconds.
+KORVEL_HOST_API void hostSleepMilliseconds(unsigned ms);
+// 32 unpredictable bits (getrandom(2)), for numbers that must differ
+// between processes and hosts.
+KORVEL_HOST_API unsigned hostRandom();
 
 // Releases a block returned by a host operation (hostGetDirList). Accepts
 // null.
@@ -105,6 +120,24 @@ KORVEL_HOST_API int hostRemoveFile(const char* path);
 // mode and closes it at once. Returns 0, or -1 with errno set.
 KORVEL_HOST_API int hostOpenAndClose(const char* path, int flags, unsigned mode);
 
+// The system calls of the same names: -1 (null for hostRealpath) with errno
+// set on failure. hostRealpath's resolved holds PATH_MAX bytes.
+KORVEL_HOST_API int hostOpen(const char* path, int flags, unsigned mode);
+KORVEL_HOST_API int hostClose(int fd);
+KORVEL_HOST_API ssize_t hostRead(int fd, void* buffer, size_t size);
+KORVEL_HOST_API ssize_t hostWrite(int fd, const void* buffer, size_t size);
+KORVEL_HOST_API ssize_t hostPread(int fd, void* buffer, size_t size, off_t offset);
+KORVEL_HOST_API ssize_t hostPwrite(int fd, const void* buffer, size_t size, off_t offset);
+KORVEL_HOST_API int hostFtruncate(int fd, off_t length);
+KORVEL_HOST_API int hostStat(const char* path, struct stat* st);
+KORVEL_HOST_API int hostLstat(const char* path, struct stat* st);
+// fstatat(2) following links: name relative to the open directory dirfd.
+KORVEL_HOST_API int hostStatAt(int dirfd, const char* name, struct stat* st);
+KORVEL_HOST_API int hostStatvfs(const char* path, struct statvfs* st);
+KORVEL_HOST_API char* hostRealpath(const char* path, char* resolved);
+KORVEL_HOST_API int hostMkdir(const char* path, unsigned mode);
+KORVEL_HOST_API int hostChmod(const char* path, unsigned mode);
+
 // ---- Shared libraries ----
 
 // Loads (or takes another reference to) the shared library at path; null on
@@ -158,5 +191,28 @@ KORVEL_HOST_API int hostSemTimedWait(sem_t* semaphore, const struct timespec* de
 KORVEL_HOST_API int hostSemTryWait(sem_t* semaphore);
 KORVEL_HOST_API int hostSemPost(sem_t* semaphore);
 KORVEL_HOST_API int hostSemGetValue(sem_t* semaphore, int* value);
+
+// ---- Defaults under their own names ----
+
+KORVEL_HOST_API double hostDefaultRealtime();
+KORVEL_HOST_API double hostDefaultMonotonic();
+KORVEL_HOST_API void hostDefaultSleepMilliseconds(unsigned ms);
+KORVEL_HOST_API char* hostDefaultGetDirList(const char* pathPattern, int flags);
+KORVEL_HOST_API int hostDefaultRemoveFile(const char* path);
+KORVEL_HOST_API int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode);
+KORVEL_HOST_API int hostDefaultOpen(const char* path, int flags, unsigned mode);
+KORVEL_HOST_API int hostDefaultClose(int fd);
+KORVEL_HOST_API ssize_t hostDefaultRead(int fd, void* buffer, size_t size);
+KORVEL_HOST_API ssize_t hostDefaultWrite(int fd, const void* buffer, size_t size);
+KORVEL_HOST_API ssize_t hostDefaultPread(int fd, void* buffer, size_t size, off_t offset);
+KORVEL_HOST_API ssize_t hostDefaultPwrite(int fd, const void* buffer, size_t size, off_t offset);
+KORVEL_HOST_API int hostDefaultFtruncate(int fd, off_t length);
+KORVEL_HOST_API int hostDefaultStat(const char* path, struct stat* st);
+KORVEL_HOST_API int hostDefaultLstat(const char* path, struct stat* st);
+KORVEL_HOST_API int hostDefaultStatAt(int dirfd, const char* name, struct stat* st);
+KORVEL_HOST_API int hostDefaultStatvfs(const char* path, struct statvfs* st);
+KORVEL_HOST_API char* hostDefaultRealpath(const char* path, char* resolved);
+KORVEL_HOST_API int hostDefaultMkdir(const char* path, unsigned mode);
+KORVEL_HOST_API int hostDefaultChmod(const char* path, unsigned mode);
 
 #endif  // KORVEL_HOST_HOST_H_

@@ -1,22 +1,97 @@
-// Default file services, on POSIX.
+// Default file services: the system calls themselves.
 #include <fcntl.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <cstdio>
 
+#include "host/defaults.h"
 #include "host/host.h"
 
 extern "C" {
 
-__attribute__((weak)) int hostRemoveFile(const char* path) {
+int hostDefaultRemoveFile(const char* path) {
   return remove(path);
 }
 
-__attribute__((weak)) int hostOpenAndClose(const char* path, int flags, unsigned mode) {
-  int fd = open(path, flags, mode);
+int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode) {
+  const int fd = hostOpen(path, flags, mode);
   if (fd < 0) return -1;
-  close(fd);
+  hostClose(fd);
   return 0;
 }
 
+int hostDefaultOpen(const char* path, int flags, unsigned mode) {
+  return open(path, flags, static_cast<mode_t>(mode));  // NOLINT(cppcoreguidelines-pro-type-vararg)
+}
+
+int hostDefaultClose(int fd) {
+  return close(fd);
+}
+
+ssize_t hostDefaultRead(int fd, void* buffer, size_t size) {
+  return read(fd, buffer, size);
+}
+
+ssize_t hostDefaultWrite(int fd, const void* buffer, size_t size) {
+  return write(fd, buffer, size);
+}
+
+ssize_t hostDefaultPread(int fd, void* buffer, size_t size, off_t offset) {
+  return pread(fd, buffer, size, offset);
+}
+
+ssize_t hostDefaultPwrite(int fd, const void* buffer, size_t size, off_t offset) {
+  return pwrite(fd, buffer, size, offset);
+}
+
+int hostDefaultFtruncate(int fd, off_t length) {
+  return ftruncate(fd, length);
+}
+
+int hostDefaultStat(const char* path, struct stat* st) {
+  return stat(path, st);
+}
+
+int hostDefaultLstat(const char* path, struct stat* st) {
+  return lstat(path, st);
+}
+
+int hostDefaultStatAt(int dirfd, const char* name, struct stat* st) {
+  return fstatat(dirfd, name, st, 0);
+}
+
+int hostDefaultStatvfs(const char* path, struct statvfs* st) {
+  return statvfs(path, st);
+}
+
+char* hostDefaultRealpath(const char* path, char* resolved) {
+  return realpath(path, resolved);
+}
+
+int hostDefaultMkdir(const char* path, unsigned mode) {
+  return mkdir(path, static_cast<mode_t>(mode));
+}
+
+int hostDefaultChmod(const char* path, unsigned mode) {
+  return chmod(path, static_cast<mode_t>(mode));
+}
+
 }  // extern "C"
+
+KORVEL_WEAK_DEFAULT(hostRemoveFile, hostDefaultRemoveFile);
+KORVEL_WEAK_DEFAULT(hostOpenAndClose, hostDefaultOpenAndClose);
+KORVEL_WEAK_DEFAULT(hostOpen, hostDefaultOpen);
+KORVEL_WEAK_DEFAULT(hostClose, hostDefaultClose);
+KORVEL_WEAK_DEFAULT(hostRead, hostDefaultRead);
+KORVEL_WEAK_DEFAULT(hostWrite, hostDefaultWrite);
+KORVEL_WEAK_DEFAULT(hostPread, hostDefaultPread);
+KORVEL_WEAK_DEFAULT(hostPwrite, hostDefaultPwrite);
+KORVEL_WEAK_DEFAULT(hostFtruncate, hostDefaultFtruncate);
+KORVEL_WEAK_DEFAULT(hostStat, hostDefaultStat);
+KORVEL_WEAK_DEFAULT(hostLstat, hostDefaultLstat);
+KORVEL_WEAK_DEFAULT(hostStatAt, hostDefaultStatAt);
+KORVEL_WEAK_DEFAULT(hostStatvfs, hostDefaultStatvfs);
+KORVEL_WEAK_DEFAULT(hostRealpath, hostDefaultRealpath);
+KORVEL_WEAK_DEFAULT(hostMkdir, hostDefaultMkdir);
+KORVEL_WEAK_DEFAULT(hostChmod, hostDefaultChmod);

@@ -3,9 +3,11 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include "host/defaults.h"
 #include "host/host.h"
 
 namespace {
@@ -108,7 +110,7 @@ __attribute__((weak)) void hpConcatPathName(char* dir, const char* name) {
   strcpy(dir + len, name);  // NOLINT: room guaranteed by the caller
 }
 
-__attribute__((weak)) char* hostGetDirList(const char* pathPattern, int /*flags*/) {
+char* hostDefaultGetDirList(const char* pathPattern, int /*flags*/) {
   if (pathPattern == nullptr) return nullptr;
   const char* slash = strrchr(pathPattern, '/');
   const char* namePattern = slash == nullptr ? pathPattern : slash + 1;
@@ -129,8 +131,19 @@ __attribute__((weak)) char* hostGetDirList(const char* pathPattern, int /*flags*
   size_t used = 0;
   char* block = static_cast<char*>(malloc(capacity));
   while (block != nullptr) {
+    errno = 0;
     struct dirent* entry = readdir(dir);  // NOLINT(concurrency-mt-unsafe): private stream
-    if (entry == nullptr) break;
+    if (entry == nullptr) {
+      // An error in mid-listing would pass for the end of it: a listing
+      // with names missing is no listing.
+      if (errno != 0) {
+        const int error = errno;
+        free(block);
+        block = nullptr;
+        errno = error;
+      }
+      break;
+    }
     if (!wildcardMatch(namePattern, entry->d_name)) continue;
     size_t len = strlen(entry->d_name) + 1;
     if (used + len + 1 > capacity) {
@@ -146,7 +159,9 @@ __attribute__((weak)) char* hostGetDirList(const char* pathPattern, int /*flags*
     memcpy(block + used, entry->d_name, len);
     used += len;
   }
+  const int error = errno;
   closedir(dir);
+  errno = error;
   if (block != nullptr) block[used] = '\0';
   return block;
 }
@@ -156,3 +171,5 @@ __attribute__((weak)) const char* hostMultiByteStrStr(const char* haystack, cons
 }
 
 }  // extern "C"
+
+KORVEL_WEAK_DEFAULT(hostGetDirList, hostDefaultGetDirList);

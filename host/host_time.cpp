@@ -1,16 +1,49 @@
 // Default time and memory services.
-#include <sys/time.h>
+#include <sys/random.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
+#include "host/defaults.h"
 #include "host/host.h"
+
+namespace {
+
+double secondsOf(clockid_t clock) {
+  struct timespec now;
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+}  // namespace
 
 extern "C" {
 
-__attribute__((weak)) double hostRealtime() {
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
+double hostDefaultRealtime() {
+  return secondsOf(CLOCK_REALTIME);
+}
+
+double hostDefaultMonotonic() {
+  // Counts the time the system was suspended too: a lease must run out
+  // across a suspend, as the file server's clock does.
+  return secondsOf(CLOCK_BOOTTIME);
+}
+
+void hostDefaultSleepMilliseconds(unsigned ms) {
+  struct timespec left = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+__attribute__((weak)) unsigned hostRandom() {
+  unsigned value = 0;
+  if (getrandom(&value, sizeof value, 0) == static_cast<ssize_t>(sizeof value)) return value;
+  // No entropy to be had: the clocks and the process id still differ.
+  const double now = hostRealtime() * 1e6 + hostMonotonic() * 1e9;
+  return static_cast<unsigned>(static_cast<unsigned long long>(now)) * 2654435761u ^
+         static_cast<unsigned>(getpid());
 }
 
 __attribute__((weak)) void hostFree(void* block) {
@@ -18,3 +51,7 @@ __attribute__((weak)) void hostFree(void* block) {
 }
 
 }  // extern "C"
+
+KORVEL_WEAK_DEFAULT(hostRealtime, hostDefaultRealtime);
+KORVEL_WEAK_DEFAULT(hostMonotonic, hostDefaultMonotonic);
+KORVEL_WEAK_DEFAULT(hostSleepMilliseconds, hostDefaultSleepMilliseconds);
