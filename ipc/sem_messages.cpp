@@ -35,6 +35,7 @@ const char* const kTexts[] = {
     "Failed to unlink (delete) semaphore '%s'. \n System error: %s",
     "Failed to unlink (delete) zombie semaphore '%s'. \n System error: %s",
     "Failed to get the value of semaphore '%s'. \n System error: %s",
+    // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): one text on two lines
     "sem_getvalue() is not implemented on this system. Could not get the value of semaphore "
     "'%s'. \n System error: %s",
     "Failed to release (increment) semaphore '%s'. \n System error: %s",

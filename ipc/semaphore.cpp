@@ -16,6 +16,15 @@ namespace {
 // the system has the last word.
 constexpr int kMaxNameLength = 4353;
 
+// The text of an error number, for one report. strerror_r (the GNU form,
+// which returns the text), because strerror may share one buffer among
+// threads.
+struct ErrorText {
+  explicit ErrorText(int error) : text(strerror_r(error, buffer, sizeof buffer)) {}
+  char buffer[256];
+  const char* text;
+};
+
 }  // namespace
 
 koSemaphoreIPC::koSemaphoreIPC(std::string name, int timeOut, bool shortenLongName)
@@ -35,24 +44,23 @@ koSemaphoreIPC::~koSemaphoreIPC() {
   if (hostSemClose(handle_) != 0 && errno != EINVAL) {
     lastError_ = errno;
     koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_CLOSE_FAILED, name_.c_str(),
-                       strerror(lastError_));
+                       ErrorText(lastError_).text);
   }
   if (hostSemUnlink(name_.c_str()) != 0 && errno != ENOENT && errno != EINVAL) {
     lastError_ = errno;
     koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_UNLINK_FAILED, name_.c_str(),
-                       strerror(lastError_));
+                       ErrorText(lastError_).text);
   }
 }
 
 void koSemaphoreIPC::openShorteningIfAsked() {
-  handle_ = hostSemOpen(name_.c_str(), O_CREAT, 0666, static_cast<unsigned>(initialValue_));
-  // errno is looked at whether or not the open succeeded; a success after a
-  // shortening leaves ENAMETOOLONG behind, and the stored name then loses
-  // one more character than the name that was opened.
-  while (shortenLongName_ && errno == ENAMETOOLONG) {
-    name_.erase(1, 1);
-    if (handle_ != nullptr) break;
+  // The stored name stays the one that was opened: the destructor unlinks it.
+  for (;;) {
     handle_ = hostSemOpen(name_.c_str(), O_CREAT, 0666, static_cast<unsigned>(initialValue_));
+    if (handle_ != nullptr || !shortenLongName_ || errno != ENAMETOOLONG || name_.size() <= 2) {
+      return;
+    }
+    name_.erase(1, 1);
   }
 }
 
@@ -71,7 +79,7 @@ bool koSemaphoreIPC::Open() {
     if (hostSemUnlink(name_.c_str()) != 0 && errno != ENOENT && errno != EINVAL) {
       lastError_ = errno;
       koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_UNLINK_ZOMBIE_FAILED, name_.c_str(),
-                         strerror(lastError_));
+                         ErrorText(lastError_).text);
     }
   }
 
@@ -79,7 +87,7 @@ bool koSemaphoreIPC::Open() {
   if (handle_ != nullptr) return true;
   lastError_ = errno;
   koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_OPEN_FAILED, name_.c_str(),
-                     strerror(lastError_));
+                     ErrorText(lastError_).text);
   return false;
 }
 
@@ -105,7 +113,7 @@ bool koSemaphoreIPC::Acquire(bool timed) {
   } else {
     // An interrupted wait is a failure too; the caller may try again.
     koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_WAIT_FAILED, name_.c_str(),
-                       strerror(lastError_));
+                       ErrorText(lastError_).text);
   }
   return false;
 }
@@ -120,7 +128,7 @@ bool koSemaphoreIPC::TryAcquire() {
   lastError_ = errno;
   if (lastError_ != EAGAIN) {
     koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_TRYWAIT_FAILED, name_.c_str(),
-                       strerror(lastError_));
+                       ErrorText(lastError_).text);
   }
   return false;
 }
@@ -132,7 +140,7 @@ bool koSemaphoreIPC::Release() {
   if (!posted) {
     lastError_ = errno;
     koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_POST_FAILED, name_.c_str(),
-                       strerror(lastError_));
+                       ErrorText(lastError_).text);
   }
   ownsLock_ = false;
   return posted;
@@ -145,7 +153,7 @@ bool koSemaphoreIPC::GetValue(int* value) {
   koReportSemMessage(
       &koSemReporter, stderr,
       lastError_ == ENOSYS ? KORVEL_SEM_GETVALUE_NOT_IMPLEMENTED : KORVEL_SEM_GETVALUE_FAILED,
-      name_.c_str(), strerror(lastError_));
+      name_.c_str(), ErrorText(lastError_).text);
   return false;
 }
 

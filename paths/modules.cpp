@@ -53,7 +53,7 @@ koLoadedModuleNameChecker::koLoadedModuleNameChecker(const char* name, char* out
 
 bool koLoadedModuleNameChecker::operator()(const char* path) {
   char resolved[KORVEL_PATH_BUFFER_SIZE > PATH_MAX ? KORVEL_PATH_BUFFER_SIZE : PATH_MAX];
-  const char* p = realpath(path, resolved) != nullptr ? resolved : path;
+  const char* p = hostRealpath(path, resolved) != nullptr ? resolved : path;
 
   const char* hit = nullptr;
   if (name_ != nullptr) {

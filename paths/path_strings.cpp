@@ -1,10 +1,11 @@
-// Path strings and file queries over caller-owned buffers.
+// Path strings and file queries over caller-owned buffers. koCanonicalizePath
+// is put together from the steps declared in paths/canonical_path.h.
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 
 #include "host/host.h"
 #include "korvel/paths.h"
+#include "paths/canonical_path.h"
 
 namespace {
 
@@ -27,8 +29,68 @@ const char* tempDir = nullptr;
 // rests on the existence test.
 uint64_t tempNameCounter = 0;
 
-// Appends at most what fits of src to the NUL-terminated text in dst (a
-// buffer of dstSize bytes).
+// Cuts a path before one of its '/' for the life of the object: the prefix
+// before it, or "/" for a leading '/'.
+class PrefixCut {
+ public:
+  PrefixCut(char* path, char* slash) : at_(slash == path ? slash + 1 : slash), saved_(*at_) {
+    *at_ = '\0';
+  }
+  ~PrefixCut() { *at_ = saved_; }
+  PrefixCut(const PrefixCut&) = delete;
+  PrefixCut& operator=(const PrefixCut&) = delete;
+
+ private:
+  char* at_;
+  char saved_;
+};
+
+// The n-th '/' of path, counted from 1. REQUIRES: path has n of them.
+char* nthSlash(char* path, size_t n) {
+  char* p = path;
+  for (;; ++p) {
+    if (*p == '/' && --n == 0) return p;
+  }
+}
+
+// Whether the prefix before the n-th '/' resolves; if so, into dst (a
+// buffer, which keeps room for one more '/').
+bool resolvePrefix(char* dst, char* path, size_t n) {
+  PrefixCut cut(path, nthSlash(path, n));
+  return canonical::resolveInto(dst, kPathBuffer - 1, path) != nullptr;
+}
+
+// Whether lstat finds nothing at resolved (a real path in a buffer) joined
+// with the name of nameLength characters, nor a directory to look in; false
+// also for ".", ".." and the empty name, and when the join is too long.
+// resolved is extended during the call and restored.
+bool nothingBelow(char* resolved, const char* name, size_t nameLength) {
+  if (nameLength == 0 ||
+      (name[0] == '.' && (nameLength == 1 || (nameLength == 2 && name[1] == '.')))) {
+    return false;
+  }
+  const size_t used = strlen(resolved);
+  const size_t start = used > 0 && resolved[used - 1] == '/' ? used : used + 1;
+  if (start + nameLength >= PATH_MAX) return false;
+  if (start > used) resolved[used] = '/';
+  memcpy(resolved + start, name, nameLength);
+  resolved[start + nameLength] = '\0';
+  struct stat st;
+  const bool nothing = hostLstat(resolved, &st) != 0 && (errno == ENOENT || errno == ENOTDIR);
+  resolved[used] = '\0';
+  return nothing;
+}
+
+bool prefixExists(char* path, size_t n) {
+  PrefixCut cut(path, nthSlash(path, n));
+  struct stat st;
+  return hostStat(path, &st) == 0;
+}
+
+}  // namespace
+
+namespace canonical {
+
 void appendBounded(char* dst, size_t dstSize, const char* src) {
   size_t used = strnlen(dst, dstSize - 1);
   size_t n = strnlen(src, dstSize - 1 - used);
@@ -36,18 +98,104 @@ void appendBounded(char* dst, size_t dstSize, const char* src) {
   dst[used + n] = '\0';
 }
 
-// realpath() into a buffer of the system's maximum path length, copied to
-// dst only when it fits dstSize bytes. Never writes past dst.
 char* resolveInto(char* dst, size_t dstSize, const char* path) {
   char resolved[PATH_MAX];
-  if (realpath(path, resolved) == nullptr) return nullptr;
+  if (hostRealpath(path, resolved) == nullptr) return nullptr;
   size_t len = strlen(resolved);
   if (len >= dstSize) return nullptr;
   memcpy(dst, resolved, len + 1);
   return dst;
 }
 
-}  // namespace
+PathText trimInput(const char* in, size_t inLen, char* copy) {
+  size_t length = strnlen(in, inLen);
+  const char* text = in;
+  if (length < inLen || (inLen <= kLongestPath && in[inLen] != '\0')) {
+    length = std::min(length, kLongestPath);
+    memcpy(copy, in, length);
+    copy[length] = '\0';
+    text = copy;
+  }
+  while (length > 0 && isspace(static_cast<unsigned char>(*text))) {
+    ++text;
+    --length;
+  }
+  while (length > 0 && isspace(static_cast<unsigned char>(text[length - 1]))) --length;
+  if (length == 0) return {".", 1};
+  return {text, length};
+}
+
+// The prefixes that realpath resolves are the shortest ones, up to some n:
+// it resolves a prefix whenever it resolves a longer one, since it walks the
+// same components first and checks no more of them. Trying them from the
+// longest down costs one readlink per component per prefix; instead a
+// bisection by stat (one call each) guesses n, and the guess is confirmed the
+// way realpath itself would decide: prefix n resolves, and prefix n + 1 does
+// not. For the second, when prefix n resolved to R and the next component is
+// a plain name c, realpath would read the link at R/c next and fail if
+// nothing is there, which one lstat of R/c tells; otherwise realpath is asked.
+// Should the guess be wrong (a host's own realpath, a path beyond the
+// system's length limit that resolves to a shorter one), every prefix is
+// tried from the longest down.
+bool resolveExistingPrefix(char* dst, char* path) {
+  size_t cuts = 0;
+  for (const char* p = path; *p != '\0'; ++p) cuts += *p == '/';
+  if (cuts == 0) return false;
+
+  size_t low = 0;
+  size_t high = cuts;
+  while (low < high) {
+    const size_t middle = low + (high - low + 1) / 2;
+    if (prefixExists(path, middle)) {
+      low = middle;
+    } else {
+      high = middle - 1;
+    }
+  }
+  size_t found = low;
+  bool confirmed = found == 0 || resolvePrefix(dst, path, found);
+  if (confirmed && found < cuts) {
+    // dst is written only when prefix found + 1 resolves, and then the
+    // search starts over anyway.
+    const char* name = found == 0 ? path : nthSlash(path, found) + 1;
+    const size_t nameLength = static_cast<size_t>(nthSlash(path, found + 1) - name);
+    confirmed =
+        (found > 0 && nothingBelow(dst, name, nameLength)) || !resolvePrefix(dst, path, found + 1);
+  }
+  if (!confirmed) {
+    for (found = cuts; found > 0 && !resolvePrefix(dst, path, found);) --found;
+  }
+  if (found == 0) return false;
+  koAddPathSep(dst);
+  appendBounded(dst, kPathBuffer, nthSlash(path, found) + 1);
+  return true;
+}
+
+PathText expandTilde(char* dst, PathText path) {
+  if (path.text[0] != '~' || hpTildeExpansion(dst, path.text) == path.text) return path;
+  return {dst, strnlen(dst, kLongestPath)};
+}
+
+PathText makeAbsolute(char* out, size_t outSize, PathText path, char* copy) {
+  if (hpIsAbsolutePath(path.text)) return path;
+  if (path.text == out) {
+    // The working directory is written into out.
+    path.length = std::min(path.length, kLongestPath);
+    memcpy(copy, out, path.length);
+    copy[path.length] = '\0';
+    path.text = copy;
+  }
+  if (hostGetcwd(out, outSize) == nullptr) return path;
+  const size_t cwdLength = strlen(out);
+  if (cwdLength + 1 >= outSize) return path;
+  const size_t start = cwdLength + koAddPathSepAt(out, cwdLength);
+  const size_t copied = std::min(path.length, outSize - start - 1);
+  memcpy(out + start, path.text, copied);
+  out[start + copied] = '\0';
+  return {out, start + copied};
+}
+
+}  // namespace canonical
 
 extern "C" {
 
@@ -126,137 +274,58 @@ char* koCollapsePath(char* dst, const char* src, size_t n) {
 }
 
 char* koCanonicalizePath(char* out, size_t outSize, const char* in, size_t inLen) {
-  char inCopy[kPathBuffer];
-  char scratch[kPathBuffer];
-  char tildeBuffer[kPathBuffer];
-  char relative[kPathBuffer];
+  using canonical::PathText;
+  char work[kPathBuffer];   // the input's copy, then the resolved prefix and the rest
+  char spare[kPathBuffer];  // the tilde's expansion, or a relative path moved out of out
 
-  // Never read past the NUL of in: a shorter string ends where its NUL is.
-  size_t length = strnlen(in, inLen);
-  const char* path = in;
-  if (length < inLen || (inLen <= kLongestPath && in[inLen] != '\0')) {
-    length = std::min(length, kLongestPath);
-    memcpy(inCopy, in, length);
-    inCopy[length] = '\0';
-    path = inCopy;
-  }
-
-  // Leading blanks are skipped; trailing ones are cut by length only, so the
-  // fast path below still sees them.
-  while (length > 0 && isspace(static_cast<unsigned char>(*path))) {
-    ++path;
-    --length;
-  }
-  while (length > 0 && isspace(static_cast<unsigned char>(path[length - 1]))) --length;
-  if (length == 0) {
-    path = ".";
-    length = 1;
-  }
+  PathText path = canonical::trimInput(in, inLen, work);
   if (outSize == 0) {
     out[0] = '\0';
     return out;
   }
-
-  // Fast path: the whole path exists.
-  if (resolveInto(out, outSize + 1, path) != nullptr) {
+  // The whole path exists: its real path is the answer, and the only one that
+  // may fill all outSize characters (the trailing blanks are still in the
+  // text here). Every other answer is cut to outSize - 1.
+  if (canonical::resolveInto(out, outSize + 1, path.text) != nullptr) {
     char* fixed = hostFixAutoMountPrefix(out);
     if (fixed != nullptr) return fixed;
   }
 
-  length = std::min(length, outSize);
-  memcpy(out, path, length);
-  out[length] = '\0';
-  path = out;
-
-  // Resolve the longest existing prefix and append the rest to it. Prefixes
-  // are cut at each '/' from the last to the first; the root is tried as "/".
-  char* cutSlash = nullptr;  // the '/' replaced by NUL in the previous pass
-  for (;;) {
-    char* slash = strrchr(out, '/');
-    if (cutSlash != nullptr) *cutSlash = '/';
-    if (slash == nullptr) break;
-    const bool atRoot = slash == out;
-    char saved = '\0';
-    if (atRoot) {
-      saved = out[1];
-      out[1] = '\0';
-    } else {
-      *slash = '\0';
-    }
-    const bool resolved = resolveInto(scratch, sizeof scratch - 1, out) != nullptr;
-    if (atRoot) out[1] = saved;
-    if (resolved) {
-      if (!atRoot) *slash = '/';
-      koAddPathSep(scratch);
-      appendBounded(scratch, sizeof scratch, slash + 1);
-      path = scratch;
-      length = strlen(scratch);
-      break;
-    }
-    if (atRoot) break;  // nothing shorter than the root to try
-    cutSlash = slash;
-  }
-
-  if (path[0] == '~') {
-    const char* expanded = hpTildeExpansion(tildeBuffer, path);
-    if (expanded != path) {
-      path = tildeBuffer;
-      length = strnlen(tildeBuffer, kLongestPath);
-    }
-  }
-
-  if (!hpIsAbsolutePath(path)) {
-    // The working directory is written into out, which may hold the path.
-    if (path == out) {
-      // out may be larger than the library's path buffers.
-      length = std::min(length, kLongestPath);
-      memcpy(relative, out, length);
-      relative[length] = '\0';
-      path = relative;
-    }
-    if (hostGetcwd(out, outSize) != nullptr) {
-      size_t cwdLength = strlen(out);
-      if (cwdLength + 1 < outSize) {
-        size_t inserted = koAddPathSepAt(out, cwdLength);
-        size_t room = outSize - (cwdLength + inserted) - 1;
-        size_t copied = std::min(length, room);
-        memcpy(out + cwdLength + inserted, path, copied);
-        out[cwdLength + inserted + copied] = '\0';
-        out[outSize - 1] = '\0';
-        length = cwdLength + inserted + copied;
-        path = out;
-      }
-    }
-  }
-
-  return koCollapsePath(out, path, std::min(length, outSize - 1));
+  path.length = std::min(path.length, outSize);
+  memmove(out, path.text, path.length);
+  out[path.length] = '\0';
+  path.text = out;
+  if (canonical::resolveExistingPrefix(work, out)) path = {work, strlen(work)};
+  path = canonical::expandTilde(spare, path);
+  path = canonical::makeAbsolute(out, outSize, path, spare);
+  return koCollapsePath(out, path.text, std::min(path.length, outSize - 1));
 }
 
 bool koFileOrDirExists(const char* path) {
   struct stat st;
-  return stat(path, &st) == 0;
+  return hostStat(path, &st) == 0;
 }
 
 bool koFileExists(const char* path) {
   struct stat st;
-  return stat(path, &st) == 0 && !S_ISDIR(st.st_mode);
+  return hostStat(path, &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
 bool koIsDirectory(const char* path) {
   struct stat st;
-  return path != nullptr && stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+  return path != nullptr && hostStat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 int64_t koGetFileSize(const char* path) {
   struct stat st;
-  if (stat(path, &st) != 0) return 0;
+  if (hostStat(path, &st) != 0) return 0;
   return st.st_size;
 }
 
 bool koGetFileSystemAvailableSpace(const char* path, uint64_t* bytes) {
   *bytes = ~uint64_t{0};
   struct statvfs fs;
-  if (statvfs(path, &fs) != 0) return false;
+  if (hostStatvfs(path, &fs) != 0) return false;
   if (fs.f_bsize == 0) return false;
   // Free blocks including those reserved for the superuser, times the
   // preferred block size.
@@ -279,10 +348,11 @@ const char* koGetTempDir() {
 
 char* koGetTempName(char* buf) {
   uint64_t counter = ++tempNameCounter;
-  struct timeval tv;
-  gettimeofday(&tv, nullptr);
-  uint64_t v =
-      counter + static_cast<uint64_t>(tv.tv_sec) * 1000000u + static_cast<uint64_t>(tv.tv_usec);
+  // The time of day in whole seconds and microseconds.
+  const double now = hostRealtime();
+  const uint64_t seconds = static_cast<uint64_t>(now);
+  const uint64_t micros = static_cast<uint64_t>((now - static_cast<double>(seconds)) * 1e6);
+  uint64_t v = counter + seconds * 1000000u + micros;
   int64_t address = static_cast<int64_t>(reinterpret_cast<intptr_t>(buf));
   uint64_t seed = static_cast<uint64_t>(address >> 21) + (static_cast<uint64_t>(address) << 7) +
                   v * ((uint64_t{1} << 17) + 1);

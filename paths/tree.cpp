@@ -14,18 +14,18 @@ constexpr unsigned kWriteBits = S_IWUSR | S_IWGRP | S_IWOTH;
 // 0 when path cannot be stat'ed.
 unsigned modeOf(const char* path) {
   struct stat st;
-  return stat(path, &st) == 0 ? static_cast<unsigned>(st.st_mode) : 0;
+  return hostStat(path, &st) == 0 ? static_cast<unsigned>(st.st_mode) : 0;
 }
 
 bool isSymbolicLink(const char* path) {
   struct stat st;
-  return lstat(path, &st) == 0 && S_ISLNK(st.st_mode);
+  return hostLstat(path, &st) == 0 && S_ISLNK(st.st_mode);
 }
 
 }  // namespace
 
 int koSetFilePermissions(const char* path, unsigned mode) {
-  return chmod(path, static_cast<mode_t>(mode));
+  return hostChmod(path, mode);
 }
 
 unsigned koGetFilePermissions(const char* path) {
@@ -51,7 +51,7 @@ bool koMkdirP(const char* path) {
     prefix = prefix.str().empty() ? koPathString(component) : prefix.join(component);
     if (koIsDirectory(prefix.c_str())) continue;
     // A plain file in the chain makes this fail, and nothing goes below it.
-    if (mkdir(prefix.c_str(), 0775) != 0) return false;
+    if (hostMkdir(prefix.c_str(), 0775) != 0) return false;
   }
   return true;
 }

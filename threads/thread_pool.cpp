@@ -14,51 +14,73 @@ constexpr unsigned long kNoLimit = static_cast<unsigned long>(-1);
 
 // ---- koRecyclableThread ----
 
+struct koRecyclableThread::Sync {
+  Sync() : mutex(0, 0), startCondition(mutex), doneCondition(mutex) {}
+  Zentha::System::MutexLock mutex;
+  Zentha::System::Condition startCondition;
+  Zentha::System::Condition doneCondition;
+};
+
 koRecyclableThread::koRecyclableThread()
-    : mutex_(0, 0), startCondition_(mutex_), doneCondition_(mutex_) {
+    : sync_(new Sync),
+      mutex_(sync_->mutex),
+      startCondition_(sync_->startCondition),
+      doneCondition_(sync_->doneCondition) {
   koThread::start(false);
 }
 
 koRecyclableThread::koRecyclableThread(const boost::function0<void*>& body)
-    : koThread(body), mutex_(0, 0), startCondition_(mutex_), doneCondition_(mutex_) {
+    : koThread(body),
+      sync_(new Sync),
+      mutex_(sync_->mutex),
+      startCondition_(sync_->startCondition),
+      doneCondition_(sync_->doneCondition) {
   koThread::start(false);
 }
 
 koRecyclableThread::~koRecyclableThread() {
   mutex_.lock();
   quitRequested_ = true;
-  startCondition_.signal();
   mutex_.unlock();
+  startCondition_.signal();
   try {
     koThread::join();
   } catch (...) {
   }
 }
 
+// Wakes are signalled after the mutex is released, so that the woken thread
+// does not wake only to block on the mutex still held by the signaller.
 void* koRecyclableThread::run() {
   MutexGuard guard(mutex_);
-  while (!quitRequested_) {
-    if (runRequested_) {
-      runRequested_ = false;
-      finished_ = false;
-      try {
-        body()();
-      } catch (...) {
-        // A failing body must not end the pooled thread.
-      }
-      finished_ = true;
-      doneCondition_.signalAll();
+  for (;;) {
+    while (!quitRequested_ && !runRequested_) startCondition_.wait();
+    if (quitRequested_) return nullptr;
+    runRequested_ = false;
+    finished_ = false;
+    try {
+      body()();
+    } catch (...) {
+      // A failing body must not end the pooled thread.
     }
-    startCondition_.wait();
+    finished_ = true;
+    // A joiner woken here may recycle and destroy this object, but the
+    // destructor joins this system thread first, so the members outlive run().
+    mutex_.unlock();
+    doneCondition_.signalAll();
+    mutex_.lock();
   }
-  return nullptr;
 }
 
 void koRecyclableThread::start(bool detached) {
   koOnlyLet<StartError>([&] {
     if (detached) throw StartError();
-    MutexGuard guard(mutex_);
-    runRequested_ = true;
+    {
+      MutexGuard guard(mutex_);
+      runRequested_ = true;
+    }
+    // Only the owner, who is calling start, recycles (and so may destroy) the
+    // thread; the woken worker never does. The condition outlives this call.
     startCondition_.signal();
   });
 }

@@ -16,9 +16,15 @@
 //   koSemaphoreIPC jobs("jobs/nightly", 0, false);   // system name "/jobs_nightly"
 //   if (jobs.Open() && jobs.Acquire(false)) { ...; jobs.Release(); }
 //
-// No operation throws. A failure returns false, records errno (LastError())
-// and writes one message on standard error; only TryAcquire on a taken
-// semaphore fails silently. One object belongs to one thread.
+// No operation throws. False means the operation failed: LastError() holds
+// the errno value that says why (errno itself may have changed while the
+// message was written), and one numbered message went to standard error.
+// The exceptions: TryAcquire on a taken semaphore returns false with
+// LastError() EAGAIN and writes nothing; a timed Acquire that ran out has
+// LastError() ETIMEDOUT (WaitTimedOut()); Open with an empty name, and
+// Acquire, TryAcquire, Release or GetValue on an object that is not open,
+// return false at once and write nothing (LastError() 0, or unchanged for
+// Open and GetValue). One object belongs to one thread.
 //
 // The destructor closes the semaphore and unlinks its name (a held
 // acquisition is not released): the next process to open the name gets a

@@ -2,11 +2,32 @@
 //
 // The C functions edit caller-owned buffers and answer questions about files.
 // None of them allocates, throws or prints; every failure is a return value
-// (false, 0, null or an all-ones sentinel). Paths are NUL-terminated byte
-// strings and '/' is the only separator. They may be called from any thread;
-// the temporary-directory cache and the temporary-name counter are
-// process-wide and deliberately unlocked (a race only recomputes the same text
-// or weakens a seed).
+// (false, 0, null or an all-ones sentinel). What it means, and where to
+// learn why:
+//   - false from koFileOrDirExists, koFileExists or koIsDirectory is an
+//     answer: the path cannot be stat'ed (errno is stat's), or is not of
+//     that kind (errno untouched).
+//   - 0 from koGetFileSize, koGetFilePermissions, koEnableWritePermission or
+//     koDisableWritePermission: the path cannot be stat'ed, and errno is
+//     stat's (an empty file has size 0 too: koFileOrDirExists tells them
+//     apart). A chmod that the last two attempt and that fails is not
+//     reported.
+//   - false from koGetFileSystemAvailableSpace (with the all-ones sentinel
+//     in *bytes) or koMkdirP, -1 from koSetFilePermissions: errno is that of
+//     the system call that failed (statvfs, mkdir, chmod; EEXIST when a
+//     component is a plain file). koMkdirP fails on a null or empty path
+//     with errno untouched.
+//   - koRemoveRF, the walker and koGetLoadedModuleFullPath make many calls,
+//     and errno says nothing reliable after them: look at the file system.
+//   - koCanonicalizePath, koGetTempName and koGetCurrentModulePath always
+//     produce a result; koAddPathSep is false only for null.
+// errno is as the default host services leave it; a host that replaces a
+// service decides what it sets.
+//
+// Paths are NUL-terminated byte strings and '/' is the only separator. The
+// functions may be called from any thread; the temporary-directory cache and
+// the temporary-name counter are process-wide and deliberately unlocked (a
+// race only recomputes the same text or weakens a seed).
 #ifndef KORVEL_PATHS_H_
 #define KORVEL_PATHS_H_
 

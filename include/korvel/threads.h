@@ -4,6 +4,14 @@
 // A koThread is started once and joined once by its owner; it is not
 // thread-safe itself. The factories are thread-safe. A
 // koSynchronizedLoopThread is driven only with its owner's mutex held.
+//
+// Results: a failure is an exception, never a false or null result:
+// koThread::StartError when no system thread can be had, InvalidStateError
+// for a call the object's state does not allow (joining a detached thread,
+// using a pool that could not start). Nothing here leaves a reason in
+// errno. A null from join() is the body's own result (do_nothing's, and
+// always a koRecyclableThread's). The loop context's waits return true when
+// woken for a stop, false when the time ran out.
 #ifndef KORVEL_THREADS_H_
 #define KORVEL_THREADS_H_
 
@@ -14,6 +22,7 @@
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/xtime.hpp>
 #include <exception>
+#include <memory>
 
 #include "korvel/export.h"
 #include "korvel/time_unit.h"
@@ -107,6 +116,59 @@ class KORVEL_EXPORT koPooledThreadFactory : public koThreadFactory {
   CleanupThread* cleanup_;
 };
 
+namespace Zentha {
+namespace System {
+class MutexLock;
+class Condition;
+}  // namespace System
+}  // namespace Zentha
+
+// A thread whose system thread outlives its bodies: the kind the pooled
+// factory keeps. Its system thread starts with the object and waits; each
+// start() runs the body once more on it, join() waits for that run, and
+// reset() gives it another body between runs. The body runs under the
+// thread's own mutex, so join, reset, start and the destructor all wait for
+// a running body. One owner drives it.
+//
+//   koRecyclableThread worker(boost::bind(&work, 1));
+//   worker.start(false);
+//   worker.join();
+//   worker.reset(boost::bind(&work, 2));
+//   worker.start(false);
+//   worker.join();
+class KORVEL_EXPORT koRecyclableThread : public koThread {
+ public:
+  // Throw StartError when no system thread can be made.
+  koRecyclableThread();
+  explicit koRecyclableThread(const boost::function0<void*>& body);
+  // Ends the system thread (after a running body) and joins it.
+  ~koRecyclableThread() override;
+
+  // Runs the bodies; the system thread's life.
+  void* run() override;
+  // Asks for one run of the body. detached = true throws StartError.
+  void start(bool detached) override;
+  // Waits until the body has run to its end since construction or the last
+  // reset(); returns null, not the body's result. REQUIRES: start() since
+  // then. A second start() without a reset() runs the body again, but
+  // join() does not wait for that run.
+  void* join() override;
+  // Replaces the body (unless it is this thread's own) for the next start().
+  virtual void reset(const boost::function0<void*>& body);
+
+ private:
+  // The host mutex and conditions live in Sync (thread_pool.cpp), so that
+  // this header needs no host type; the references name its members.
+  struct Sync;
+  std::unique_ptr<Sync> sync_;
+  Zentha::System::MutexLock& mutex_;
+  Zentha::System::Condition& startCondition_;
+  Zentha::System::Condition& doneCondition_;
+  bool quitRequested_ = false;
+  bool runRequested_ = false;
+  bool finished_ = false;
+};
+
 // Runs a clean-up action when it goes out of scope, unless disarmed.
 class KORVEL_EXPORT koCleanupFunctionGuard : private boost::noncopyable {
  public:
@@ -137,9 +199,8 @@ class KORVEL_EXPORT koCleanupFunctionGuard : private boost::noncopyable {
 class KORVEL_EXPORT koSynchronizedLoopContext {
  public:
   virtual ~koSynchronizedLoopContext();
-  // Waits until woken or until now + amount, cut down to whole seconds (a
-  // wait under one second returns at once). True when woken: a stop is
-  // pending.
+  // Waits until woken or until now + amount, on the steady clock. True when
+  // woken: a stop is pending.
   virtual bool waitFor(unsigned long amount, const Zentha::System::TimeUnit& unit) = 0;
   // Waits until woken; true when woken.
   virtual bool waitForWakeUp() = 0;
@@ -161,11 +222,9 @@ class koSynchronizedLoopContextImpl : public koSynchronizedLoopContext {
 
   bool waitFor(unsigned long amount, const Zentha::System::TimeUnit& unit) override {
     if (*wakeRequested_) return true;
-    boost::xtime deadline;
-    boost::xtime_get(&deadline, boost::TIME_UTC_);
-    deadline.sec += unit.toSeconds(amount);
     if (!lock_->owns_lock()) throw boost::lock_error();
-    wakeCondition_->timed_wait(*lock_, deadline);  // once: no re-wait on time-out or spurious wake
+    // Once, on the steady clock: no re-wait on time-out or spurious wake.
+    wakeCondition_->wait_for(*lock_, boost::chrono::milliseconds(unit.toMillis(amount)));
     return takeWake();
   }
 
@@ -207,8 +266,8 @@ class koSynchronizedLoopThread : private boost::noncopyable {
   // State shared by the owner and the worker, guarded by the owner's mutex.
   class LoopFunctionDriver {
    public:
-    LoopFunctionDriver(Mutex* mutex, const LoopFunction& loopFunction)
-        : mutex(mutex), loopFunction(loopFunction) {}
+    LoopFunctionDriver(Mutex* ownerMutex, const LoopFunction& function)
+        : mutex(ownerMutex), loopFunction(function) {}
 
     // The worker's body.
     void* drive() {
@@ -251,16 +310,21 @@ class koSynchronizedLoopThread : private boost::noncopyable {
   // Stops a running worker (whatever the count), joins and recycles it.
   // Swallows every exception.
   ~koSynchronizedLoopThread() {
-    typename Mutex::scoped_lock lock(mutex_);
-    if (thread_ != nullptr) {
-      try {
-        if (driver_ != nullptr) requestStopAndWait(*driver_, lock);
-        thread_->join();
-        factory_->recycle(thread_);
-      } catch (...) {
+    try {
+      typename Mutex::scoped_lock lock(mutex_);
+      if (thread_ != nullptr) {
+        try {
+          if (driver_ != nullptr) requestStopAndWait(*driver_, lock);
+          thread_->join();
+          factory_->recycle(thread_);
+        } catch (...) {
+        }
       }
+      delete driver_;
+    } catch (...) {
+      // The owner's mutex could not be taken: a worker may still use the
+      // driver, so it is left alone.
     }
-    delete driver_;
   }
 
   // The first start runs the worker and returns once it has begun its first
