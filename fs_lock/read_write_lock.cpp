@@ -1,21 +1,16 @@
-// The directory read-write lock.
+// The directory read-write lock (see the notes at the top of fs_lock.cpp).
 //
-// On disk: "<dir>/.deploy_write_lock" while a writer holds the directory,
-// "<dir>/.deploy_read_lock.<n>" for each read lock held, by any process. A
-// lock is granted by looking at those files and creating one, both under the
-// directory's exclusive lock, so that two processes never both see a free
-// directory. Waiters poll every 10 ms and, on each poll, remove lock files
-// that have gone stale.
-//
-// In-process: one Impl per front object, shared with every handle; its
+// In-process: one Impl per front object, shared with every handle. Its
 // mutex guards the Impl and the handles' counts and is always taken before
-// the directory lock.
+// the directory lock. The refresh loop runs under a mutex of its own and
+// never needs the Impl's, so a thread waiting for the lock cannot starve
+// the refresh of locks this process already holds.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
-#include <limits>
+#include <cstring>
+#include <new>
 #include <sstream>
 
 #include "fs_lock/fs_lock_internal.h"
@@ -23,260 +18,444 @@
 #include "host/host.h"
 #include "korvel/fs_lock.h"
 
+using korvel_protocol::kPollMs;
+using korvel_protocol::kRefreshPeriodMs;
 using Zentha::System::TimeUnit;
 
 namespace {
 
-constexpr unsigned int kPollingCycleMs = 10;
-
 typedef koDirectoryReadWriteLock::ScopedLock ScopedLock;
 
-// What a lock operation hands to the directory lock. The remaining time is
-// divided by 1000 and given as milliseconds: below 1000 s left, the
-// directory lock gets one immediate attempt. Callers rely on a finite wait
-// never queueing behind another process inside the directory lock.
-unsigned long dirLockTimeout(bool infinite, double deadline) {
-  if (infinite) return kInfiniteTimeout;
-  const double x = std::trunc((deadline - hostRealtime()) / 1000.0);
-  if (!(x >= 0.0) || x >= static_cast<double>(std::numeric_limits<unsigned long>::max())) return 0;
-  return static_cast<unsigned long>(x);
+// How long a release keeps trying to remove a file that resists.
+constexpr double kReleaseEffortSeconds = 2.0;
+// How long a refresh waits for the directory lock before it rewrites its
+// files without it. Others hold the directory lock for milliseconds.
+constexpr double kRefreshDirLockSeconds = 1.0;
+// The longest pause between retries of a create that failed for now.
+constexpr unsigned kMaxBackOffMs = 1000;
+// Tries at a read-lock name before waiting a poll: names are random, so a
+// taken one is rare.
+constexpr int kNameTries = 16;
+// A single attempt looks at the lock files once, but waits this long for the
+// directory lock when it is not free at once: others hold it for
+// milliseconds only.
+constexpr double kSingleAttemptDirLockSeconds = 1.0;
+
+// The names in directory that start with prefix, listed literally: the
+// directory's own name is never taken as a pattern. False when the
+// directory cannot be listed (errno says why).
+bool listNames(const std::string& directory, const char* prefix, std::vector<std::string>* names) {
+  errno = 0;
+  char* listing = hostGetDirList((directory + "/" + prefix + "*").c_str(), 0);
+  if (listing == nullptr) {
+    if (errno == 0) errno = EIO;
+    return false;
+  }
+  for (const char* name = listing; *name != '\0'; name += strlen(name) + 1) {
+    names->push_back(name);
+  }
+  hostFree(listing);
+  return true;
 }
 
-bool acquireDirLock(koDirectoryExclusiveLock& dirLock, bool infinite, double deadline,
-                    bool noRefreshLoop) {
-  return dirLock.acquire(dirLockTimeout(infinite, deadline), TimeUnit::sMilliseconds(),
-                         noRefreshLoop);
-}
-
-void releaseDirLock(koDirectoryExclusiveLock& dirLock) {
-  dirLock.release(kInfiniteTimeout, TimeUnit::sSeconds());
-}
-
-double deadlineFor(unsigned long n, const TimeUnit& unit) {
-  return n == kInfiniteTimeout ? 0.0 : realtimeDeadline(n, unit);
+// Whether path exists: 1, 0, or -1 when that cannot be told (errno says
+// why). Only a file known to be absent lets a reader in.
+int exists(const std::string& path) {
+  struct stat st;
+  if (hostStat(path.c_str(), &st) == 0) return 1;
+  return errno == ENOENT ? 0 : -1;
 }
 
 }  // namespace
 
-const double koDirectoryReadWriteLock::AbstractLock::STALE_TIMEOUT_SEC = 15.0;
+namespace korvel_detail {
 
-// Rewrites the held lock files every 5 s: only the write-lock file while the
-// write lock is owned (read-lock files are then held only during a
-// downgrade), otherwise every read-lock file. Runs with the Impl's mutex
-// held.
+// Holds a read-write lock's directory lock for a scope: milliseconds, so
+// never with a refresh loop of its own. The lock is re-entrant within the
+// object, so the refresh loop and a release may take it while another
+// thread of this process holds it: their work on files this process
+// already owns cannot conflict with that thread's.
+class DirectoryLockGuard {
+ public:
+  enum AtOnce { kAtOnce };
+
+  // Waits for the directory lock until the deadline. For a single attempt,
+  // takes it at once when it is free (no poll first), else waits briefly.
+  DirectoryLockGuard(koDirectoryExclusiveLock& lock, const Deadline& deadline, bool singleAttempt)
+      : lock_(lock),
+        held_(singleAttempt
+                  ? lock.tryAtOnce() ||
+                        lock.acquireUntil(Deadline::afterSeconds(kSingleAttemptDirLockSeconds),
+                                          false, true)
+                  : lock.acquireUntil(deadline, false, true)) {
+    directoryLocksHeld += held_;
+  }
+  // Takes the directory lock only if it is free this moment.
+  DirectoryLockGuard(koDirectoryExclusiveLock& lock, AtOnce)
+      : lock_(lock), held_(lock.tryAtOnce()) {
+    directoryLocksHeld += held_;
+  }
+  DirectoryLockGuard(const DirectoryLockGuard&) = delete;
+  DirectoryLockGuard& operator=(const DirectoryLockGuard&) = delete;
+
+  ~DirectoryLockGuard() {
+    if (!held_) return;
+    --directoryLocksHeld;
+    try {
+      lock_.releaseUntil(Deadline::forever());
+    } catch (const koNoSuchDirectory&) {
+      // The directory went while we held it; whoever goes on sees it.
+    }
+  }
+
+  bool held() const { return held_; }
+  // Still ours: not lost, and its lease allows a change made now. A look
+  // and a change made under a lock that was lost in between prove nothing.
+  bool stillHeld() const { return held_ && lock_.holding_->mayWrite(); }
+
+ private:
+  koDirectoryExclusiveLock& lock_;
+  const bool held_;
+};
+
+}  // namespace korvel_detail
+
+using korvel_detail::DirectoryLockGuard;
+
+const double koDirectoryReadWriteLock::AbstractLock::STALE_TIMEOUT_SEC =
+    korvel_protocol::kStaleSeconds;
+
+// Rewrites every held file that asks for refresh, every 5 s, after the wait.
+// Under the directory lock, as others have always seen it done; but it
+// waits for it at most kRefreshDirLockSeconds: the lease matters more.
 class koDirectoryReadWriteLock::Impl::RefreshLoop {
  public:
   explicit RefreshLoop(Impl* owner) : owner_(owner) {}
 
-  bool operator()(koSynchronizedLoopContext& context) const {
-    return koOnlyLet<koNoSuchDirectory>([&] {
-      // A loop function may not let an error out: the loop would end
-      // without telling its owner, whose next stop would then wait forever.
-      // So a vanished directory is logged here even when the directory lock
-      // itself reports it.
-      try {
-        refresh();
-      } catch (const koNoSuchDirectory&) {
-        warningLog
-            << "RefreshLoop thread: trying to touch lock file threw koNoSuchDirectory exception"
-            << std::endl;
-      }
-      return context.waitFor(5000, TimeUnit::sMilliseconds());
-    });
+  void operator()(koSynchronizedLoopContext& context) const {
+    if (context.waitFor(kRefreshPeriodMs, TimeUnit::sMilliseconds())) return;  // stopping
+    const Holdings holdings = owner_->refreshedFiles();
+    if (holdings.empty()) return;
+    Holdings failed;
+    // A loop function may not let an error out: the loop would end without
+    // telling its owner, whose next stop would then wait forever.
+    try {
+      DirectoryLockGuard guard(owner_->dirLock, Deadline::afterSeconds(kRefreshDirLockSeconds),
+                               false);
+      failed = refreshOnce(holdings, *owner_->numbers);
+    } catch (const koNoSuchDirectory&) {
+      warningLog
+          << "RefreshLoop thread: trying to touch lock file threw koNoSuchDirectory exception"
+          << std::endl;
+      failed = refreshOnce(holdings, *owner_->numbers);  // finds the files gone: lost
+    }
+    retryRefresh(std::move(failed), *owner_->numbers, context);
   }
 
  private:
-  void refresh() const {
-    Impl& impl = *owner_;
-    const bool locked = impl.dirLock.acquire(kInfiniteTimeout, TimeUnit::sSeconds(), true);
-    try {
-      // Write failures are left for the next round.
-      if (impl.writeLockOwned) {
-        writeIntToFile(impl.writeLockName.c_str(), impl.counter++);
-      } else {
-        std::for_each(impl.readLocks.begin(), impl.readLocks.end(), RefreshFile(impl.counter));
-      }
-    } catch (...) {
-      if (locked) releaseDirLock(impl.dirLock);
-      throw;
-    }
-    if (locked) releaseDirLock(impl.dirLock);
-  }
-
   Impl* owner_;
 };
 
-koDirectoryReadWriteLock::Impl::Impl(const std::string& directory)
-    : dirLock(directory, ""),
-      directory(directory),
-      counter(getpid()),
+koDirectoryReadWriteLock::Impl::Impl(const std::string& path)
+    : dirLock(path, ""),
+      directory(path),
+      numbers(new LockNumbers),
       refreshLoop(new RefreshLoop(this)),
       pool(koDirectoryLockThreadPool()),
-      refreshThread(new LoopThread(mutex, *refreshLoop, pool.get())),
-      writeLockName(directory + "/.deploy_write_lock"),
-      readLockPattern(directory + "/.deploy_read_lock.*") {}
+      refreshThread(new LoopThread(refreshMutex, *refreshLoop, pool.get())),
+      writeLockName(path + korvel_protocol::kWriteLockName),
+      readLockPattern(path + korvel_protocol::kReadLockPrefix + "*") {}
 
 koDirectoryReadWriteLock::Impl::~Impl() {
-  // The loop thread locks the mutex and calls the functor while stopping:
-  // both must outlive it.
+  for (const std::shared_ptr<LockHolding>& holding : refreshedFiles()) {
+    if (holding->heldElsewhere()) {
+      // A forked child: the refresh thread is its parent's.
+      refreshThread.release();  // NOLINT(bugprone-unused-return-value): left to the exit
+      refreshLoop.release();    // NOLINT(bugprone-unused-return-value)
+      return;
+    }
+  }
+  // The loop thread locks refreshMutex and calls the functor while
+  // stopping: both must outlive it.
   refreshThread.reset();
   refreshLoop.reset();
 }
 
-void koDirectoryReadWriteLock::Impl::createWriteLockFile(ScopedLock& lock, bool noRefresh) {
-  koOnlyLet<koThread::StartError, koNoSuchDirectory>([&] {
-    if (!writeLockOwned) {
-      writeLockOwned = true;
-      if (!noRefresh) {
-        refreshThread->start(lock);
-        loopRunning = true;
-      }
-    }
-    // A failed write while the directory exists still counts as held: the
-    // file is refreshed (and so recreated) by the loop.
-    if (!writeIntToFile(writeLockName.c_str(), counter++) && !koIsDirectory(directory.c_str())) {
-      throwNoSuchDirectory(directory);
-    }
-  });
+bool koDirectoryReadWriteLock::Impl::refreshLoopRunning() const {
+  std::lock_guard<std::mutex> lock(refreshedMutex);
+  return !refreshed.empty();
 }
 
-std::string koDirectoryReadWriteLock::Impl::createReadLockFile(ScopedLock& lock, bool noRefresh) {
-  return koOnlyLet<koThread::StartError, koNoSuchDirectory>([&] {
-    std::string name;
-    for (;;) {
-      std::ostringstream candidate;
-      candidate << directory << "/.deploy_read_lock." << counter++;
-      name = candidate.str();
-      // Unique per process by the counter; between processes only the
-      // exclusive create decides, so a taken name moves on to the next.
-      if (hostOpenAndClose(name.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0777) == 0) break;
-      if (!koIsDirectory(directory.c_str())) throwNoSuchDirectory(directory);
-    }
-    if (readLocks.empty() && !noRefresh) {
-      refreshThread->start(lock);
-      loopRunning = true;
-    }
-    readLocks.insert(name);
-    writeIntToFile(name.c_str(), counter++);
-    return name;
-  });
-}
-
-void koDirectoryReadWriteLock::Impl::removeWriteLockFile(bool infinite, double deadline,
-                                                         ScopedLock& lock) {
-  koOnlyLet<koNoSuchDirectory>([&] {
-    if (writeLockOwned) {
-      if (loopRunning) {
-        refreshThread->stop(lock);
-        loopRunning = false;
-      }
-      writeLockOwned = false;
-    }
-    removeFileUnderDirLock(writeLockName, 1570, infinite, deadline);
-  });
-}
-
-void koDirectoryReadWriteLock::Impl::removeReadLockFile(std::string name, bool infinite,
-                                                        double deadline, ScopedLock& lock) {
-  koOnlyLet<koNoSuchDirectory>([&] {
-    readLocks.erase(name);
-    if (readLocks.empty() && loopRunning) {
-      refreshThread->stop(lock);
-      loopRunning = false;
-    }
-    removeFileUnderDirLock(name, 1523, infinite, deadline);
-  });
-}
-
-void koDirectoryReadWriteLock::Impl::removeFileUnderDirLock(const std::string& name, int callSite,
-                                                            bool infinite, double deadline) {
-  // Without the directory lock by the deadline the file is removed anyway:
-  // releasing must not fail for want of it.
-  const bool dirLocked = acquireDirLock(dirLock, infinite, deadline, true);
-  if (hostRemoveFile(name.c_str()) < 0) {
-    if (!koIsDirectory(directory.c_str())) {
-      if (dirLocked) releaseDirLock(dirLock);
-      throwNoSuchDirectory(directory);
-    }
-    warningLog << "FS_LOCK: failed to remove " << name << "(" << callSite << ")" << std::endl;
+void koDirectoryReadWriteLock::Impl::startRefreshing(const std::shared_ptr<LockHolding>& holding) {
+  bool first;
+  {
+    std::lock_guard<std::mutex> lock(refreshedMutex);
+    first = refreshed.empty();
+    refreshed.push_back(holding);
   }
-  if (dirLocked) releaseDirLock(dirLock);
+  if (!first) return;
+  KORVEL_CHECK(directoryLocksHeld == 0, "the refresh loop starts under the directory lock");
+  try {
+    ScopedLock loopLock(refreshMutex);
+    refreshThread->start(loopLock);
+  } catch (...) {
+    std::lock_guard<std::mutex> lock(refreshedMutex);
+    refreshed.clear();
+    throw;
+  }
 }
+
+void koDirectoryReadWriteLock::Impl::stopRefreshing(const std::shared_ptr<LockHolding>& holding) {
+  bool last;
+  {
+    std::lock_guard<std::mutex> lock(refreshedMutex);
+    auto found = std::find(refreshed.begin(), refreshed.end(), holding);
+    if (found == refreshed.end()) return;
+    refreshed.erase(found);
+    last = refreshed.empty();
+  }
+  if (!last) return;
+  KORVEL_CHECK(directoryLocksHeld == 0, "the refresh loop stops under the directory lock");
+  ScopedLock loopLock(refreshMutex);
+  refreshThread->stop(loopLock);
+}
+
+Holdings koDirectoryReadWriteLock::Impl::refreshedFiles() const {
+  std::lock_guard<std::mutex> lock(refreshedMutex);
+  return refreshed;
+}
+
+// ---- Handles ----
+
+koDirectoryReadWriteLock::AbstractLock::Impl::Impl(
+    const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared, bool writes)
+    : dir(shared), write(writes), holding(std::make_shared<LockHolding>()) {}
+
+koDirectoryReadWriteLock::AbstractLock::Impl::~Impl() {
+  try {
+    holding->close();
+    ScopedLock lock(dir->getMutex());
+    releaseFile(Deadline::forever());
+  } catch (...) {
+    // A destructor must not throw: what could not be released goes stale.
+  }
+}
+
+bool koDirectoryReadWriteLock::AbstractLock::Impl::releaseFile(const Deadline& deadline) {
+  if (!hasFile) return true;
+  // In a forked child the file and the refresh thread are the parent's.
+  if (holding->heldElsewhere()) return false;
+  hasFile = false;
+  const std::string file = holding->file();
+  if (write) {
+    dir->writeLockOwned = false;
+  } else {
+    dir->readLocks.erase(file);
+  }
+  if (refreshed) {
+    refreshed = false;
+    dir->stopRefreshing(holding);
+  }
+  Owned removed;
+  {
+    // Removing our own file cannot let a conflicting holder in: try the
+    // directory lock once, as others expect, and go on without it.
+    DirectoryLockGuard guard(dir->dirLock, DirectoryLockGuard::kAtOnce);
+    removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds));
+  }
+  if (removed != Owned::kYes && directoryGone(dir->directory)) {
+    throwNoSuchDirectory(dir->directory);
+  }
+  if (removed == Owned::kLost) {
+    errno = ENOLCK;
+    return false;
+  }
+  if (removed == Owned::kError) {
+    const int error = errno;
+    // The call-site numbers are kept: scripts match these lines.
+    warningLog << "FS_LOCK: failed to remove " << file << "(" << (write ? 1570 : 1523) << ")"
+               << std::endl;
+    errno = error;
+  }
+  return true;
+}
+
+koDirectoryReadWriteLock::AbstractLock::AbstractLock(
+    const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared, bool writes)
+    : dir(shared), count(new int(0)), impl(new Impl(shared, writes)) {}
 
 koDirectoryReadWriteLock::AbstractLock::~AbstractLock() = default;
 
 bool koDirectoryReadWriteLock::AbstractLock::acquire(unsigned long n, const TimeUnit& unit,
                                                      bool noRefresh) {
-  return koOnlyLet<koNoSuchDirectory>([&] {
-    const bool infinite = n == kInfiniteTimeout;
-    const double deadline = deadlineFor(n, unit);
-    ScopedLock lock(dir->getMutex());
-    if (!dir->invariants()) return false;
-    if (*count != 0) {
-      ++*count;
-      return true;
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>([&] {
+    const Deadline deadline = Deadline::after(n, unit);
+    const bool singleAttempt = n == 0;
+    // One acquisition at a time per handle. Other handles, releases and the
+    // refresh go on meanwhile: the object's mutex is held only for looks.
+    ScopedLock acquiring(impl->acquiring, boost::defer_lock);
+    if (!lockBy(acquiring, deadline)) {
+      errno = ETIMEDOUT;
+      return false;
+    }
+    {
+      ScopedLock lock(dir->getMutex());
+      if (!dir->invariants()) return false;
+      if (*count != 0) {
+        // A lock already lost protects nothing more: it must be released first.
+        if (impl->holding->lost()) {
+          errno = ENOLCK;
+          return false;
+        }
+        ++*count;
+        return true;
+      }
     }
 
     koStaleLockRemover remover;
-    remover.staleTimeout = STALE_TIMEOUT_SEC;
-    remover.useDeadline = !infinite;
     remover.deadline = deadline;
-    const UpdateStaleLockStatus judgeStaleness(&remover);
-    koDirectoryExclusiveLock& dirLock = dir->getDirLock();
-
-    for (;;) {
-      if (!acquireDirLock(dirLock, infinite, deadline, false)) return false;
-      bool ok;
+    unsigned backOff = kPollMs;
+    int transientError = 0;
+    for (bool entered = false; !entered;) {
+      {
+        DirectoryLockGuard guard(dir->dirLock, deadline, singleAttempt);
+        if (!guard.held()) return false;  // errno from the directory lock
+        ScopedLock lock(dir->getMutex());
+        remover.warned = &dir->staleWarned;
+        Entry entry = okToAcquire();
+        if (entry == Entry::kBlocked && removeStaleFiles(&remover)) entry = okToAcquire();
+        if (entry == Entry::kRefused) {
+          const int error = errno;
+          warningLog << "FS_LOCK: cannot look into " << dir->directory << ": " << errorText(error)
+                     << std::endl;
+          errno = error;
+          return false;
+        }
+        if (entry == Entry::kFree && guard.stillHeld()) {
+          // Made before the directory lock is let go: another process that
+          // looked in between would find the directory free.
+          switch (enter(guard)) {
+            case Create::kMade:
+              entered = true;
+              break;
+            case Create::kRefused:
+              return false;
+            case Create::kTransient:
+              transientError = errno;
+              backOff = std::min(2 * backOff, kMaxBackOffMs);
+              break;
+            case Create::kTaken:
+              break;
+          }
+        }
+      }
+      if (entered) break;
+      sleepWithin(backOff, deadline);
+      if (singleAttempt || deadline.passed()) {
+        errno = transientError != 0 ? transientError : ETIMEDOUT;
+        return false;
+      }
+    }
+    // Started once the directory lock is let go (see the lock order). A
+    // release on another thread may have come in between.
+    ScopedLock lock(dir->getMutex());
+    if (!noRefresh && impl->hasFile && !impl->refreshed) {
       try {
-        ok = okToAcquire(lock);
+        dir->startRefreshing(impl->holding);
       } catch (...) {
-        releaseDirLock(dirLock);
+        *count = 0;
+        impl->releaseFile(Deadline::forever());
         throw;
       }
-      if (ok) {
-        // The lock file is made before the directory lock is let go: another
-        // process that looked between the two would find the directory free
-        // and could take a conflicting lock.
-        bool created = true;
-        try {
-          createLockFile(lock, noRefresh);
-        } catch (...) {
-          created = false;
-        }
-        releaseDirLock(dirLock);
-        if (!created) return false;
-        *count = 1;
-        return true;
-      }
-
-      // Blocked: clear away whatever lock files have gone stale.
-      koFindMatchingFilesAndDirs(dir->getWriteLockName(), judgeStaleness, koIgnoreString(), 0,
-                                 false);
-      koFindMatchingFilesAndDirs(dir->getReadLockPattern(), judgeStaleness, koIgnoreString(), 0,
-                                 false);
-      for (const std::string& stale : remover.staleFiles) remover.removeStaleFile(stale);
-      remover.staleFiles.clear();
-
-      releaseDirLock(dirLock);
-      sleepMilliseconds(kPollingCycleMs);
-      if (!infinite && hostRealtime() >= deadline) return false;
+      impl->refreshed = true;
     }
+    return true;
   });
 }
 
-bool koDirectoryReadWriteLock::AbstractLock::release(unsigned long n, const TimeUnit& unit) {
-  return koOnlyLet<koNoSuchDirectory>([&] {
-    const bool infinite = n == kInfiniteTimeout;
-    const double deadline = deadlineFor(n, unit);
-    ScopedLock lock(dir->getMutex());
-    if (!dir->invariants() || *count <= 0) return false;
-    if (*count == 1) {
-      removeLockFile(infinite, deadline, lock);
-      *count = 0;
-    } else {
-      --*count;
+Create koDirectoryReadWriteLock::AbstractLock::enter(const DirectoryLockGuard& guard) {
+  std::string made;
+  int written = 0;
+  double since = 0.0;
+  const Create created = createFile(&made, &written, &since);
+  if (created != Create::kMade) return created;
+  if (!guard.stillHeld()) {
+    // The directory lock was lost while the file was made: others may have
+    // looked meanwhile. Take it back and look again.
+    removeIfOurs(made, written);
+    return Create::kTaken;
+  }
+  impl->hasFile = true;
+  impl->holding->hold(made, written, since);
+  if (impl->write) {
+    dir->writeLockOwned = true;
+  } else {
+    dir->readLocks.insert(made);
+  }
+  *count = 1;
+  return Create::kMade;
+}
+
+Create koDirectoryReadWriteLock::AbstractLock::createFile(std::string* made, int* written,
+                                                          double* since) {
+  for (int tries = 0; tries < kNameTries; ++tries) {
+    const double start = hostMonotonic();
+    const int value = dir->numbers->next();
+    const std::string name = lockFileName(value);
+    const Create result = createLockFile(dir->directory, name, impl->write ? 0666 : 0777, value);
+    if (result == Create::kMade) {
+      *made = name;
+      *written = value;
+      *since = start;
+      return result;
     }
-    return true;
+    if (result == Create::kRefused) {
+      const int error = errno;
+      warningLog << "FS_LOCK: cannot create " << name << ": " << errorText(error) << std::endl;
+      errno = error;
+      return result;
+    }
+    // A read-lock name another process uses: take the next number. A
+    // write-lock file that appeared, or a failure for now: poll again.
+    if (result == Create::kTransient || impl->write) return result;
+  }
+  return Create::kTaken;
+}
+
+bool koDirectoryReadWriteLock::AbstractLock::removeStaleFiles(koStaleLockRemover* remover) {
+  std::vector<std::string> names;
+  if (!listNames(dir->directory, korvel_protocol::kNamePrefix, &names)) return false;
+  const std::string writeName = korvel_protocol::kWriteLockName + 1;
+  const std::string readPrefix = korvel_protocol::kReadLockPrefix + 1;
+  for (const std::string& name : names) {
+    if (name == writeName || name.compare(0, readPrefix.size(), readPrefix) == 0) {
+      remover->update((dir->directory + "/" + name).c_str());
+    }
+  }
+  const bool found = !remover->staleFiles.empty();
+  for (const std::string& stale : remover->staleFiles) remover->removeStaleFile(stale);
+  remover->staleFiles.clear();
+  return found;
+}
+
+bool koDirectoryReadWriteLock::AbstractLock::release(unsigned long n, const TimeUnit& unit) {
+  return koOnlyLet<koNoSuchDirectory, std::bad_alloc>([&] {
+    const Deadline deadline = Deadline::after(n, unit);
+    ScopedLock lock(dir->getMutex(), boost::defer_lock);
+    if (!lockBy(lock, deadline)) {
+      errno = ETIMEDOUT;
+      return false;
+    }
+    if (!dir->invariants() || *count <= 0) {
+      errno = EPERM;
+      return false;
+    }
+    if (*count > 1) {
+      --*count;
+      return true;
+    }
+    *count = 0;
+    return impl->releaseFile(deadline);
   });
 }
 
@@ -285,104 +464,177 @@ bool koDirectoryReadWriteLock::AbstractLock::isAcquired() const {
   return *count > 0;
 }
 
+bool koDirectoryReadWriteLock::AbstractLock::lost() const {
+  return impl->holding->lost();
+}
+
+void koDirectoryReadWriteLock::AbstractLock::onLost(std::function<void()> handler) {
+  impl->holding->setHandler(std::move(handler));
+}
+
 koDirectoryReadWriteLock::ReadLock::~ReadLock() = default;
 
-koDirectoryReadWriteLock::ReadLock::Impl::~Impl() {
-  ScopedLock lock(dir->getMutex());
-  if (!hasFile) return;
-  try {
-    dir->removeReadLockFile(fileName, true, 0.0, lock);
-  } catch (const koNoSuchDirectory&) {
+koDirectoryReadWriteLock::AbstractLock::Entry koDirectoryReadWriteLock::ReadLock::okToAcquire() {
+  if (dir->ownsWriteLock()) return Entry::kBlocked;
+  switch (exists(dir->writeLockName)) {
+    case 0:
+      return Entry::kFree;
+    case 1:
+      return Entry::kBlocked;
+    default:
+      return Entry::kRefused;
   }
 }
 
-bool koDirectoryReadWriteLock::ReadLock::okToAcquire(ScopedLock&) {
-  return koOnlyLet<koNoSuchDirectory>([&] {
-    if (dir->ownsWriteLock()) return false;
-    return !koFileOrDirExists(dir->getWriteLockName());
-  });
-}
-
-void koDirectoryReadWriteLock::ReadLock::createLockFile(ScopedLock& lock, bool noRefresh) {
-  koOnlyLet<koThread::StartError, koNoSuchDirectory>([&] {
-    impl->fileName = dir->createReadLockFile(lock, noRefresh);
-    impl->hasFile = true;
-  });
-}
-
-void koDirectoryReadWriteLock::ReadLock::removeLockFile(bool infinite, double deadline,
-                                                        ScopedLock& lock) {
-  koOnlyLet<koNoSuchDirectory>([&] {
-    dir->removeReadLockFile(impl->fileName, infinite, deadline, lock);
-    impl->hasFile = false;
-  });
+std::string koDirectoryReadWriteLock::ReadLock::lockFileName(int number) const {
+  std::ostringstream name;
+  name << dir->directory << korvel_protocol::kReadLockPrefix << number;
+  return name.str();
 }
 
 koDirectoryReadWriteLock::WriteLock::~WriteLock() = default;
 
-koDirectoryReadWriteLock::WriteLock::Impl::~Impl() {
-  ScopedLock lock(dir->getMutex());
-  if (!hasFile) return;
-  try {
-    dir->removeWriteLockFile(true, 0.0, lock);
-  } catch (const koNoSuchDirectory&) {
+koDirectoryReadWriteLock::AbstractLock::Entry koDirectoryReadWriteLock::WriteLock::okToAcquire() {
+  if (dir->ownsReadLock() || dir->ownsWriteLock()) return Entry::kBlocked;
+  switch (exists(dir->writeLockName)) {
+    case 1:
+      return Entry::kBlocked;
+    case -1:
+      return Entry::kRefused;
   }
+  std::vector<std::string> readers;
+  // A directory that cannot be listed might hide a reader.
+  if (!listNames(dir->directory, korvel_protocol::kReadLockPrefix + 1, &readers)) {
+    return Entry::kRefused;
+  }
+  return readers.empty() ? Entry::kFree : Entry::kBlocked;
 }
 
-bool koDirectoryReadWriteLock::WriteLock::okToAcquire(ScopedLock&) {
-  return koOnlyLet<koNoSuchDirectory>([&] {
-    if (dir->ownsReadLock() || dir->ownsWriteLock()) return false;
-    if (koFileOrDirExists(dir->getWriteLockName())) return false;
-    return !koMatchingFileOrDirExists(dir->getReadLockPattern());
-  });
-}
-
-void koDirectoryReadWriteLock::WriteLock::createLockFile(ScopedLock& lock, bool noRefresh) {
-  koOnlyLet<koThread::StartError, koNoSuchDirectory>([&] {
-    dir->createWriteLockFile(lock, noRefresh);
-    impl->hasFile = true;
-  });
-}
-
-void koDirectoryReadWriteLock::WriteLock::removeLockFile(bool infinite, double deadline,
-                                                         ScopedLock& lock) {
-  koOnlyLet<koNoSuchDirectory>([&] {
-    dir->removeWriteLockFile(infinite, deadline, lock);
-    impl->hasFile = false;
-  });
+std::string koDirectoryReadWriteLock::WriteLock::lockFileName(int) const {
+  return dir->writeLockName;
 }
 
 koDirectoryReadWriteLock::ReadLock koDirectoryReadWriteLock::WriteLock::downgrade(
     unsigned long n, const TimeUnit& unit) {
-  return koOnlyLet<koThread::StartError, koNoSuchDirectory>([&] {
-    const bool infinite = n == kInfiniteTimeout;
-    const double deadline = deadlineFor(n, unit);
-    // Made before the mutex is taken: should this call fail once the read
-    // lock's file exists, the mutex is free again when the last copy of the
-    // result goes and removes that file.
+  return koOnlyLet<koThread::StartError, koNoSuchDirectory, std::bad_alloc>([&] {
+    const Deadline deadline = Deadline::after(n, unit);
+    // Made before any lock is taken: its destructor takes the mutex.
     ReadLock result(dir);
-    ScopedLock lock(dir->getMutex());
+    ScopedLock acquiring(impl->acquiring, boost::defer_lock);
+    if (!lockBy(acquiring, deadline)) {
+      errno = ETIMEDOUT;
+      return result;
+    }
     // Held or not, the files change hands below; other processes are kept
     // out only when the directory lock could be had.
-    koDirectoryExclusiveLock& dirLock = dir->getDirLock();
-    const bool dirLocked = acquireDirLock(dirLock, infinite, deadline, false);
-    try {
-      if (dir->invariants()) {
-        *result.count = *count;
-        if (*result.count > 0) {
-          // Read-lock file first, so the directory is never without a lock.
-          // A running loop only counts up here; the write lock's removal
-          // counts it down again and leaves it refreshing the read lock.
-          result.createLockFile(lock, !dir->refreshLoopRunning());
-          *count = 0;
-          removeLockFile(infinite, deadline, lock);
-        }
-      }
-    } catch (...) {
-      if (dirLocked) releaseDirLock(dirLock);
-      throw;
+    DirectoryLockGuard guard(dir->dirLock, deadline, n == 0);
+    ScopedLock lock(dir->getMutex());
+    if (!dir->invariants() || *count <= 0 || !impl->hasFile || !impl->holding->mayWrite()) {
+      return result;
     }
-    if (dirLocked) releaseDirLock(dirLock);
+    std::string made;
+    int written = 0;
+    double since = 0.0;
+    if (result.createFile(&made, &written, &since) != Create::kMade) return result;
+    result.impl->hasFile = true;
+    result.impl->holding->hold(made, written, since);
+    dir->readLocks.insert(made);
+    *result.count = *count;
+    if (impl->refreshed) {
+      dir->startRefreshing(result.impl->holding);  // the loop runs on: no start
+      result.impl->refreshed = true;
+    }
+    // The write-lock file goes only now: the directory is never unlocked.
+    *count = 0;
+    impl->releaseFile(deadline);
     return result;
   });
+}
+
+// ---- The standard interfaces of the front object ----
+
+bool koDirectoryReadWriteLock::unlockThreadsAnd(bool shared, const char* what) {
+  const int error = errno;
+  if (shared) {
+    threads_->unlock_shared();
+  } else {
+    threads_->unlock();
+  }
+  errno = error;
+  return korvel_detail::timedOutOrThrow(what);
+}
+
+namespace {
+
+// Takes a handle for a standard interface, with its thread lock already
+// taken: on a false result or an exception the thread lock is let go again.
+template <class Unlock>
+bool acquireOrUnlock(koDirectoryReadWriteLock::AbstractLock& handle, unsigned long n,
+                     Unlock unlock) {
+  try {
+    if (handle.acquire(n, TimeUnit::sMilliseconds())) return true;
+  } catch (...) {
+    unlock();
+    throw;
+  }
+  return false;
+}
+
+// Releases a handle for a standard interface, which must not throw.
+void releaseQuietly(koDirectoryReadWriteLock::AbstractLock& handle) {
+  try {
+    handle.release(kInfiniteTimeout, TimeUnit::sSeconds());
+  } catch (const koNoSuchDirectory& e) {
+    warningLog << "FS_LOCK: " << e.what() << std::endl;
+  }
+}
+
+}  // namespace
+
+bool koDirectoryReadWriteLock::tryLockFor(unsigned long ms) {
+  const Deadline deadline = Deadline::after(ms, TimeUnit::sMilliseconds());
+  if (!lockBy(*threads_, deadline)) return false;
+  return acquireOrUnlock(*writer_, deadline.remainingMillis(), [this] { threads_->unlock(); }) ||
+         unlockThreadsAnd(false, ms == kInfiniteTimeout ? "koDirectoryReadWriteLock::lock"
+                                                        : "koDirectoryReadWriteLock::try_lock");
+}
+
+void koDirectoryReadWriteLock::lock() {
+  if (tryLockFor(kInfiniteTimeout)) return;
+  korvel_detail::lockFailed("koDirectoryReadWriteLock::lock");
+}
+
+bool koDirectoryReadWriteLock::try_lock() {
+  return tryLockFor(0);
+}
+
+void koDirectoryReadWriteLock::unlock() {
+  releaseQuietly(*writer_);
+  threads_->unlock();
+}
+
+bool koDirectoryReadWriteLock::tryLockSharedFor(unsigned long ms) {
+  const Deadline deadline = Deadline::after(ms, TimeUnit::sMilliseconds());
+  boost::shared_lock<boost::shared_mutex> threads(*threads_, boost::defer_lock);
+  if (!lockBy(threads, deadline)) return false;
+  threads.release();  // held until unlock_shared
+  return acquireOrUnlock(*reader_, deadline.remainingMillis(),
+                         [this] { threads_->unlock_shared(); }) ||
+         unlockThreadsAnd(true, ms == kInfiniteTimeout
+                                    ? "koDirectoryReadWriteLock::lock_shared"
+                                    : "koDirectoryReadWriteLock::try_lock_shared");
+}
+
+void koDirectoryReadWriteLock::lock_shared() {
+  if (tryLockSharedFor(kInfiniteTimeout)) return;
+  korvel_detail::lockFailed("koDirectoryReadWriteLock::lock_shared");
+}
+
+bool koDirectoryReadWriteLock::try_lock_shared() {
+  return tryLockSharedFor(0);
+}
+
+void koDirectoryReadWriteLock::unlock_shared() {
+  releaseQuietly(*reader_);
+  threads_->unlock_shared();
 }
