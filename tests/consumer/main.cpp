@@ -23,6 +23,17 @@ int main(int argc, char** argv) {
     return 5;
   }
 
+  koThread idle(&do_nothing);
+  idle.start(false);
+  int runs = 0;
+  koRecyclableThread worker([&runs]() -> void* { return runs += 1, nullptr; });
+  worker.start(false);
+  worker.join();
+  worker.reset([&runs]() -> void* { return runs += 10, nullptr; });
+  worker.start(false);
+  worker.join();
+  if (idle.join() != nullptr || runs != 11) return 8;
+
   koSemaphoreIPC sem("korvel_consumer_" + std::to_string(getpid()), 0, false);
   if (!sem.Open() || !sem.TryAcquire() || !sem.Release()) return 6;
 

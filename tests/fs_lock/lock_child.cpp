@@ -1,38 +1,42 @@
-// A separate process for the lock tests (exec'd, so the library is loaded
-// afresh with the environment the test chose).
+// One process of the lock tests, on one host or on several (exec'd, so the
+// library is loaded afresh with the environment the test chose). Times T are
+// microseconds of CLOCK_MONOTONIC, which network namespaces share and faketime
+// leaves alone, so that lines from different hosts compare. KIND is excl,
+// read or write.
 //
-//   lock_child count DIR M   M times: take DIR's lock (no time-out), check
-//                            that nobody else is inside, add one to
-//                            DIR/counter, release. Exit status: the number
-//                            of overlaps seen (0 expected).
-//   lock_child hold DIR      take the lock with refresh, print "held", wait
-//                            to be killed.
-//   lock_child once DIR      take (time-out 0) and release once.
-//   lock_child late DIR      set KORVEL_FSLOCK_VERBOSE, then as "once".
-//
-// The read-write lock (KIND is read or write):
-//   lock_child rw-hold DIR KIND [norefresh]
-//                            take the lock, print "held", hold it until
-//                            SIGTERM, release, print "released".
-//   lock_child rw-try DIR KIND MS
-//                            try for MS ms to take the lock; exit 0 when it
-//                            was held (and released), 1 when not. A finite
-//                            acquire gives up when another process is busy
-//                            in the directory lock, so it is repeated.
-//   lock_child rw-mix DIR WORK M SEED
-//                            M acquisitions, about 40 % writes, no time-out.
-//                            Inside, markers in WORK detect overlaps and
-//                            writers add one to WORK/counter. Prints
+//   lock_child count DIR M   M holds of DIR's exclusive lock; inside, the
+//                            marker DIR/inside must be free and DIR/counter
+//                            gains one. Prints "X start end" per hold; exit
+//                            status: the overlaps seen.
+//   lock_child rw-mix DIR WORK M SEED [HOLD_US]
+//                            M holds of DIR's read-write lock, about 40 %
+//                            writes; markers in WORK detect overlaps, writers
+//                            add one to WORK/counter, readers stay HOLD_US
+//                            (200). Prints "W|R start end" per hold, then
 //                            "writes W reads R"; exit status: overlaps.
+//   lock_child hold DIR KIND take the lock, print "held T REALTIME"; "lost T"
+//                            when it is lost; on SIGTERM release it and print
+//                            "released 1|0 T".
+//   lock_child try DIR KIND MS
+//                            exit 0 when the lock could be had within MS ms
+//                            (and released), 1 when not.
+//   lock_child watch FILE    print "T CONTENT" whenever FILE's content
+//                            changes ("-" when missing), every 10 ms.
+//   lock_child stamp         print T.
+//   lock_child once DIR      take (time-out 0) and release the exclusive lock.
+//   lock_child late DIR      set KORVEL_FSLOCK_VERBOSE, then as "once".
+// The count and rw-mix modes keep their arguments and markers from release
+// to release, so that builds of different versions can be run together.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <memory>
 #include <string>
 
 #include "korvel/fs_lock.h"
@@ -43,11 +47,36 @@ namespace {
 
 const unsigned long kForever = static_cast<unsigned long>(-1);
 
+long long now() {
+  timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return t.tv_sec * 1000000LL + t.tv_nsec / 1000;
+}
+
+void say(const std::string& line) {
+  printf("%s\n", line.c_str());
+  fflush(stdout);
+}
+
+std::string interval(const char* kind, long long start) {
+  return std::string(kind) + " " + std::to_string(start) + " " + std::to_string(now());
+}
+
 bool createExclusive(const std::string& path) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
   if (fd < 0) return false;
   close(fd);
   return true;
+}
+
+std::string readAll(const std::string& path) {
+  FILE* in = fopen(path.c_str(), "r");
+  if (in == nullptr) return "-";
+  char text[64] = "";
+  const size_t n = fread(text, 1, sizeof text - 1, in);
+  fclose(in);
+  text[n] = '\0';
+  return text;
 }
 
 bool anyReaderMarker(const std::string& work) {
@@ -59,18 +88,41 @@ bool anyReaderMarker(const std::string& work) {
   return found;
 }
 
+// Read, wait, write: a second holder inside would lose an update.
 void addOne(const std::string& counter) {
-  int value = 0;
-  if (FILE* in = fopen(counter.c_str(), "r")) {
-    if (fscanf(in, "%d", &value) != 1) value = 0;
-    fclose(in);
-  }
-  usleep(200);  // widen the window a lost update would need
+  const int value = atoi(readAll(counter).c_str());
+  usleep(200);
   if (FILE* out = fopen(counter.c_str(), "w")) {
     fprintf(out, "%d", value + 1);
     fclose(out);
   }
 }
+
+// The lock of the kind asked for, behind one face.
+struct AnyLock {
+  AnyLock(const std::string& dir, const std::string& kind) : rw(dir) {
+    if (kind == "excl") {
+      excl.reset(new koDirectoryExclusiveLock(dir, "child"));
+    } else {
+      handle.reset(kind == "write" ? static_cast<koDirectoryReadWriteLock::AbstractLock*>(
+                                         new koDirectoryReadWriteLock::WriteLock(rw.getWriteLock()))
+                                   : new koDirectoryReadWriteLock::ReadLock(rw.getReadLock()));
+    }
+  }
+  bool acquire(unsigned long ms) {
+    return excl ? excl->acquire(ms, TimeUnit::sMilliseconds(), false)
+                : handle->acquire(ms, TimeUnit::sMilliseconds());
+  }
+  bool release() {
+    return excl ? excl->release(kForever, TimeUnit::sSeconds())
+                : handle->release(kForever, TimeUnit::sSeconds());
+  }
+  void onLost(std::function<void()> f) { excl ? excl->onLost(f) : handle->onLost(f); }
+
+  koDirectoryReadWriteLock rw;
+  std::unique_ptr<koDirectoryExclusiveLock> excl;
+  std::unique_ptr<koDirectoryReadWriteLock::AbstractLock> handle;
+};
 
 int countLoop(const std::string& dir, int rounds) {
   koDirectoryExclusiveLock lock(dir, "counter");
@@ -78,13 +130,73 @@ int countLoop(const std::string& dir, int rounds) {
   int overlaps = 0;
   for (int i = 0; i < rounds; ++i) {
     if (!lock.acquire(kForever, TimeUnit::sSeconds(), false)) return 100;
+    const long long start = now();
     const bool alone = createExclusive(inside);
-    if (!alone) ++overlaps;
+    overlaps += !alone;
     addOne(dir + "/counter");
     if (alone) unlink(inside.c_str());
+    say(interval("X", start));
     if (!lock.release(kForever, TimeUnit::sSeconds())) return 101;
   }
   return overlaps > 99 ? 99 : overlaps;
+}
+
+int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned seed, int holdUs) {
+  koDirectoryReadWriteLock rw(dir);
+  koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
+  koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
+  char host[64] = "";
+  gethostname(host, sizeof host - 1);
+  const std::string writer = work + "/writer";
+  const std::string reader = work + "/reader." + host + "." + std::to_string(getpid());
+  int overlaps = 0;
+  int writes = 0;
+  for (int i = 0; i < rounds; ++i) {
+    const bool write = rand_r(&seed) % 10 < 4;
+    writes += write;
+    koDirectoryReadWriteLock::AbstractLock& lock =
+        write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
+    if (!lock.acquire(kForever, TimeUnit::sSeconds())) return 100;
+    const long long start = now();
+    const bool marked = createExclusive(write ? writer : reader);
+    if (write) {
+      overlaps += !marked || anyReaderMarker(work);
+      addOne(work + "/counter");
+    } else {
+      overlaps += access(writer.c_str(), F_OK) == 0;
+      usleep(holdUs);
+      overlaps += access(writer.c_str(), F_OK) == 0;
+    }
+    if (marked) unlink((write ? writer : reader).c_str());
+    say(interval(write ? "W" : "R", start));
+    if (!lock.release(kForever, TimeUnit::sSeconds())) return 101;
+  }
+  say("writes " + std::to_string(writes) + " reads " + std::to_string(rounds - writes));
+  return overlaps > 99 ? 99 : overlaps;
+}
+
+int hold(const std::string& dir, const std::string& kind) {
+  sigset_t terminate;
+  sigemptyset(&terminate);
+  sigaddset(&terminate, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &terminate, nullptr);  // taken by sigwait below
+  AnyLock lock(dir, kind);
+  lock.onLost([] { say("lost " + std::to_string(now())); });
+  if (!lock.acquire(kForever)) return 1;
+  say("held " + std::to_string(now()) + " " + std::to_string(time(nullptr)));
+  int signal = 0;
+  sigwait(&terminate, &signal);
+  say(std::string("released ") + (lock.release() ? "1 " : "0 ") + std::to_string(now()));
+  return 0;
+}
+
+int watch(const std::string& file) {
+  for (std::string last;;) {
+    const std::string text = readAll(file);
+    if (text != last) say(std::to_string(now()) + " " + text);
+    last = text;
+    usleep(10000);
+  }
 }
 
 int once(const std::string& dir) {
@@ -93,105 +205,30 @@ int once(const std::string& dir) {
   return lock.release(0, TimeUnit::sSeconds()) ? 0 : 2;
 }
 
-volatile sig_atomic_t terminated = 0;
-
-void onTerminate(int) {
-  terminated = 1;
-}
-
-int rwHold(const std::string& dir, bool write, bool noRefresh) {
-  struct sigaction action = {};
-  action.sa_handler = onTerminate;
-  sigaction(SIGTERM, &action, nullptr);
-  koDirectoryReadWriteLock rw(dir);
-  koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
-  koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
-  koDirectoryReadWriteLock::AbstractLock& lock =
-      write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
-  if (!lock.acquire(kForever, TimeUnit::sSeconds(), noRefresh)) return 1;
-  printf("held\n");
-  fflush(stdout);
-  while (!terminated) usleep(10000);
-  if (!lock.release(kForever, TimeUnit::sSeconds())) return 2;
-  printf("released\n");
-  return 0;
-}
-
-int rwTry(const std::string& dir, bool write, unsigned long ms) {
-  koDirectoryReadWriteLock rw(dir);
-  koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
-  koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
-  koDirectoryReadWriteLock::AbstractLock& lock =
-      write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
-  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!lock.acquire(ms, TimeUnit::sMilliseconds(), true)) {
-    if (std::chrono::steady_clock::now() >= giveUp) return 1;
-    usleep(10000);
-  }
-  return lock.release(kForever, TimeUnit::sSeconds()) ? 0 : 2;
-}
-
-int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned seed) {
-  koDirectoryReadWriteLock rw(dir);
-  koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
-  koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
-  const std::string writerMarker = work + "/writer";
-  const std::string readerMarker = work + "/reader." + std::to_string(getpid());
-  int overlaps = 0;
-  int writes = 0;
-  for (int i = 0; i < rounds; ++i) {
-    const bool write = rand_r(&seed) % 10 < 4;
-    if (write) {
-      if (!writing.acquire(kForever, TimeUnit::sSeconds())) return 100;
-      const bool alone = createExclusive(writerMarker);
-      if (!alone || anyReaderMarker(work)) ++overlaps;
-      addOne(work + "/counter");
-      ++writes;
-      if (alone) unlink(writerMarker.c_str());
-      if (!writing.release(kForever, TimeUnit::sSeconds())) return 101;
-    } else {
-      if (!reading.acquire(kForever, TimeUnit::sSeconds())) return 100;
-      const bool marked = createExclusive(readerMarker);
-      if (access(writerMarker.c_str(), F_OK) == 0) ++overlaps;
-      usleep(200);
-      if (access(writerMarker.c_str(), F_OK) == 0) ++overlaps;
-      if (marked) unlink(readerMarker.c_str());
-      if (!reading.release(kForever, TimeUnit::sSeconds())) return 101;
-    }
-  }
-  printf("writes %d reads %d\n", writes, rounds - writes);
-  return overlaps > 99 ? 99 : overlaps;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
+  const std::string mode = argc > 1 ? argv[1] : "";
+  if (mode == "stamp") return say(std::to_string(now())), 0;
   if (argc < 3) return 64;
-  const std::string mode = argv[1];
   const std::string dir = argv[2];
   if (mode == "count" && argc == 4) return countLoop(dir, atoi(argv[3]));
+  if (mode == "rw-mix" && (argc == 6 || argc == 7)) {
+    return rwMix(dir, argv[3], atoi(argv[4]), static_cast<unsigned>(atoi(argv[5])),
+                 argc == 7 ? atoi(argv[6]) : 200);
+  }
+  if (mode == "hold" && argc == 4) return hold(dir, argv[3]);
+  if (mode == "try" && argc == 5) {
+    AnyLock lock(dir, argv[3]);
+    if (!lock.acquire(strtoul(argv[4], nullptr, 10))) return 1;
+    return lock.release() ? 0 : 2;
+  }
+  if (mode == "watch") return watch(dir);
   if (mode == "once") return once(dir);
   if (mode == "late") {
     setenv("KORVEL_FSLOCK_VERBOSE", "1", 1);
     setenv("KORVEL_FSLOCK_WARNING", "1", 1);
     return once(dir);
-  }
-  if (mode == "rw-hold" && argc >= 4) {
-    return rwHold(dir, strcmp(argv[3], "write") == 0,
-                  argc == 5 && strcmp(argv[4], "norefresh") == 0);
-  }
-  if (mode == "rw-try" && argc == 5) {
-    return rwTry(dir, strcmp(argv[3], "write") == 0, strtoul(argv[4], nullptr, 10));
-  }
-  if (mode == "rw-mix" && argc == 6) {
-    return rwMix(dir, argv[3], atoi(argv[4]), static_cast<unsigned>(atoi(argv[5])));
-  }
-  if (mode == "hold") {
-    koDirectoryExclusiveLock lock(dir, "holder");
-    if (!lock.acquire(kForever, TimeUnit::sSeconds(), false)) return 1;
-    printf("held\n");
-    fflush(stdout);
-    for (;;) pause();
   }
   return 64;
 }

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -9,46 +10,79 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <mutex>
+#include <regex>
+#include <sstream>
+
+#include "host/host.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
 
 namespace korvel_test {
 namespace {
 
-std::mutex hookMutex;
-std::string failCreatesUnder;                        // guarded by hookMutex
-std::string failRemovesUnder;                        // guarded by hookMutex
-std::function<void(const char*, int)> openObserver;  // guarded by hookMutex
-std::function<void(const char*)> removeObserver;     // guarded by hookMutex
+struct Hooks {
+  std::map<Fault, std::pair<std::string, int>> faults;
+  std::string skewedUnder;
+  time_t skewSeconds = 0;
+  std::map<std::string, int> writeCounts;
+  std::function<void(const char*, int)> openObserver;
+  std::function<void(const char*)> removeObserver;
+};
 
-bool under(const std::string& prefix, const char* path) {
-  return !prefix.empty() && strncmp(path, prefix.c_str(), prefix.size()) == 0;
+std::mutex hookMutex;
+Hooks hooks;  // guarded by hookMutex
+std::atomic<double> clockOffset{0.0};
+
+// The error to fail an operation of that kind on path with, or 0.
+int faultFor(Fault which, const char* path) {
+  auto found = hooks.faults.find(which);
+  if (found == hooks.faults.end() || found->second.first.empty()) return 0;
+  const std::string& prefix = found->second.first;
+  return strncmp(path, prefix.c_str(), prefix.size()) == 0 ? found->second.second : 0;
 }
 
 }  // namespace
 
 std::atomic<int> removeCalls{0};
 
-void failUnder(Fault which, const std::string& prefix) {
+void failUnder(Fault which, const std::string& prefix, int error) {
   std::lock_guard<std::mutex> lock(hookMutex);
-  (which == Fault::kCreate ? failCreatesUnder : failRemovesUnder) = prefix;
+  hooks.faults[which] = {prefix, error};
+}
+
+void skewServerClock(const std::string& prefix, time_t seconds) {
+  std::lock_guard<std::mutex> lock(hookMutex);
+  hooks.skewedUnder = prefix;
+  hooks.skewSeconds = seconds;
 }
 
 void observeOpens(std::function<void(const char*, int)> observer) {
   std::lock_guard<std::mutex> lock(hookMutex);
-  openObserver = std::move(observer);
+  hooks.openObserver = std::move(observer);
 }
 
 void observeRemoves(std::function<void(const char*)> observer) {
   std::lock_guard<std::mutex> lock(hookMutex);
-  removeObserver = std::move(observer);
+  hooks.removeObserver = std::move(observer);
+}
+
+void advanceClock(double seconds) {
+  clockOffset = clockOffset + seconds;
 }
 
 void clearHooks() {
   std::lock_guard<std::mutex> lock(hookMutex);
-  failCreatesUnder.clear();
-  failRemovesUnder.clear();
-  openObserver = nullptr;
-  removeObserver = nullptr;
+  hooks = Hooks();
+  clockOffset = 0.0;
+  removeCalls = 0;
+}
+
+int writesTo(const std::string& path) {
+  std::lock_guard<std::mutex> lock(hookMutex);
+  auto found = hooks.writeCounts.find(path);
+  return found == hooks.writeCounts.end() ? 0 : found->second;
 }
 
 std::set<std::string> entries(const std::string& dir) {
@@ -62,55 +96,95 @@ std::set<std::string> entries(const std::string& dir) {
   return names;
 }
 
-bool setMtime(const std::string& path, time_t seconds) {
-  struct timeval times[2] = {{seconds, 0}, {seconds, 0}};
-  return utimes(path.c_str(), times) == 0;
+int WarningCapture::count(const std::string& what) const {
+  std::istringstream lines(text());
+  int n = 0;
+  for (std::string line; std::getline(lines, line);) n += line.find(what) != std::string::npos;
+  return n;
+}
+
+std::string withoutTimes(const std::string& text) {
+  return std::regex_replace(text, std::regex(" [0-9]{4,}"), "");
 }
 
 bool waitForFileText(const std::string& path, const std::string& text, double seconds) {
-  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  for (;;) {
-    std::string content;
-    if (FILE* f = fopen(path.c_str(), "r")) {
-      char buffer[256];
-      size_t n;
-      while ((n = fread(buffer, 1, sizeof buffer, f)) > 0) content.append(buffer, n);
-      fclose(f);
-    }
-    if (content == text) return true;
-    if (std::chrono::steady_clock::now() >= giveUp) return false;
-    usleep(10000);
-  }
+  return eventually([&] { return withoutTimes(readFile(path)) == text; }, seconds);
 }
 
 }  // namespace korvel_test
 
+using korvel_test::Fault;
+using korvel_test::faultFor;
 using korvel_test::hookMutex;
+using korvel_test::hooks;
 
-extern "C" int hostOpenAndClose(const char* path, int flags, unsigned mode) {
+extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
+  int error = 0;
+  bool slow = false;
   {
     std::lock_guard<std::mutex> lock(hookMutex);
-    if (korvel_test::openObserver) korvel_test::openObserver(path, flags);
-    if ((flags & O_CREAT) != 0 && korvel_test::under(korvel_test::failCreatesUnder, path)) {
-      errno = EPERM;
+    if (hooks.openObserver) hooks.openObserver(path, flags);
+    if ((flags & O_CREAT) != 0 && (flags & O_EXCL) != 0) {
+      error = faultFor(Fault::kCreate, path);
+    } else if ((flags & O_ACCMODE) != O_RDONLY) {
+      ++hooks.writeCounts[path];
+      error = faultFor(Fault::kWrite, path);
+      slow = faultFor(Fault::kSlowWrite, path) != 0;
+    }
+  }
+  if (slow) usleep(300000);
+  if (error != 0) {
+    errno = error;
+    return -1;
+  }
+  return hostDefaultOpen(path, flags, mode);
+}
+
+extern "C" double hostMonotonic() {
+  return hostDefaultMonotonic() + korvel_test::clockOffset;
+}
+
+extern "C" int hostStat(const char* path, struct stat* st) {
+  {
+    std::lock_guard<std::mutex> lock(hookMutex);
+    if (const int error = faultFor(Fault::kStat, path)) {
+      errno = error;
       return -1;
     }
   }
-  int fd = open(path, flags, mode);
-  if (fd < 0) return -1;
-  close(fd);
-  return 0;
+  const int rc = hostDefaultStat(path, st);
+  std::lock_guard<std::mutex> lock(hookMutex);
+  if (rc == 0 && !hooks.skewedUnder.empty() &&
+      strncmp(path, hooks.skewedUnder.c_str(), hooks.skewedUnder.size()) == 0) {
+    st->st_mtime += hooks.skewSeconds;
+  }
+  return rc;
 }
 
 extern "C" int hostRemoveFile(const char* path) {
   ++korvel_test::removeCalls;
+  int error;
   {
     std::lock_guard<std::mutex> lock(hookMutex);
-    if (korvel_test::removeObserver) korvel_test::removeObserver(path);
-    if (korvel_test::under(korvel_test::failRemovesUnder, path)) {
-      errno = EPERM;
-      return -1;
-    }
+    if (hooks.removeObserver) hooks.removeObserver(path);
+    error = faultFor(Fault::kRemove, path);
   }
-  return remove(path);
+  if (error != 0) {
+    errno = error;
+    return -1;
+  }
+  return hostDefaultRemoveFile(path);
+}
+
+extern "C" char* hostGetDirList(const char* pattern, int flags) {
+  int error;
+  {
+    std::lock_guard<std::mutex> lock(hookMutex);
+    error = faultFor(Fault::kList, pattern);
+  }
+  if (error != 0) {
+    errno = error;
+    return nullptr;
+  }
+  return hostDefaultGetDirList(pattern, flags);
 }

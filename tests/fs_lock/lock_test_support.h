@@ -1,44 +1,84 @@
 // Support for the lock tests. Fault injection and observation go through
-// the host layer: this test binary defines hostOpenAndClose and
-// hostRemoveFile, so the library's file operations pass through here.
-// Switches may be flipped by one thread while another uses a lock.
+// the host layer: this test binary defines hostOpen, hostStat,
+// hostRemoveFile and hostGetDirList, so the library's file operations pass
+// through here. Switches may be flipped by one thread while another uses a
+// lock.
 #ifndef KORVEL_TESTS_FS_LOCK_LOCK_TEST_SUPPORT_H_
 #define KORVEL_TESTS_FS_LOCK_LOCK_TEST_SUPPORT_H_
 
 #include <sys/types.h>
 
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <set>
 #include <string>
 
+#include "fs_lock/fs_lock_internal.h"
+#include "tests/support/temp_dir.h"
+
 namespace korvel_test {
 
-enum class Fault { kCreate, kRemove };
+enum class Fault {
+  kCreate,     // exclusive creates (O_CREAT|O_EXCL)
+  kWrite,      // any other open for writing
+  kRemove,     // removals
+  kList,       // directory listings
+  kStat,       // stat
+  kSlowWrite,  // opens for writing take 300 ms, then succeed
+};
 
-// Creates (open with O_CREAT) or removals of paths starting with prefix fail
-// with EPERM, as some network mounts answer; an empty prefix turns it off.
-void failUnder(Fault which, const std::string& prefix);
+// Moves this process's monotonic clock (hostMonotonic) forward, as a stop
+// of that long would; clearHooks() sets it back.
+void advanceClock(double seconds);
+
+// Operations of that kind on paths starting with prefix fail with error
+// (EPERM, as some network mounts answer, unless told otherwise); an empty
+// prefix turns the fault off.
+void failUnder(Fault which, const std::string& prefix, int error = 1 /* EPERM */);
+
+// The file server's clock runs `seconds` ahead of this host's: every
+// modification time read under prefix is shifted by that much.
+void skewServerClock(const std::string& prefix, time_t seconds);
 
 // Called before each host open or remove; an empty function stops it.
 void observeOpens(std::function<void(const char* path, int flags)> observer);
 void observeRemoves(std::function<void(const char* path)> observer);
 
-// Turns off every fault and observer.
+// Turns off every fault and observer, and clears the counts.
 void clearHooks();
 
 // Host removals made so far.
 extern std::atomic<int> removeCalls;
+// Opens for writing (not exclusive creates) of path so far.
+int writesTo(const std::string& path);
 
 // The names in dir, without "." and "..".
 std::set<std::string> entries(const std::string& dir);
 
-// Sets the modification (and access) time of path to whole second seconds;
-// false on failure.
-bool setMtime(const std::string& path, time_t seconds);
-
-// Polls every 10 ms until path holds exactly text; false after `seconds`.
+// A lock_child's output without its times: "held\nlost\nreleased 0\n".
+std::string withoutTimes(const std::string& text);
+// Polls every 10 ms until path holds exactly text, times aside; false after
+// `seconds`.
 bool waitForFileText(const std::string& path, const std::string& text, double seconds);
+
+// Turns the warning channel on, into a file, for the life of the object.
+// A file because background threads write while the test reads.
+class WarningCapture {
+ public:
+  WarningCapture() : saved_(warningLog), stream_(dir_ / "warnings") {
+    warningLog = {true, &stream_};
+  }
+  ~WarningCapture() { warningLog = saved_; }
+  std::string text() const { return readFile(dir_ / "warnings"); }
+  // How many lines contain what.
+  int count(const std::string& what) const;
+
+ private:
+  TempDir dir_;
+  LogStream saved_;
+  std::ofstream stream_;
+};
 
 }  // namespace korvel_test
 

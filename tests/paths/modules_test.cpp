@@ -12,133 +12,76 @@
 
 namespace {
 
-using korvel_test::TempDirTest;
-
 std::string resolved(const std::string& path) {
   char buffer[PATH_MAX];
   return realpath(path.c_str(), buffer) != nullptr ? buffer : "";
 }
 
-std::string libraryFile() {
+int inThisProgram = 0;
+
+TEST(ModulePath, AddressesLeadToTheirModulesAndNamesToLoadedModules) {
   char path[8706];
   koGetCurrentModulePath(reinterpret_cast<void*>(&koMkdirP), path, sizeof path);
-  return path;
-}
-
-std::string baseName(const std::string& path) {
-  return path.substr(path.rfind('/') + 1);
-}
-
-int inThisProgram() {
-  return 1;
-}
-
-TEST(ModulePath, AddressesLeadToTheirModules) {
-  const std::string library = libraryFile();
-  EXPECT_EQ(baseName(library).rfind("libkorvel.so", 0), 0u) << library;
-
-  char path[8706];
-  EXPECT_TRUE(koGetCurrentModulePath(reinterpret_cast<void*>(&inThisProgram), path, sizeof path));
+  const std::string library = path;
+  EXPECT_EQ(library.substr(library.rfind('/') + 1, 12), "libkorvel.so") << library;
+  EXPECT_TRUE(koGetCurrentModulePath(&inThisProgram, path, sizeof path));
   EXPECT_EQ(resolved(path), resolved("/proc/self/exe"));
-
   int onTheStack = 0;
   EXPECT_TRUE(koGetCurrentModulePath(&onTheStack, path, sizeof path));
   EXPECT_STREQ(path, "") << "no module holds the stack";
-
-  char small[6];
-  memset(small, 'x', sizeof small);
+  char small[6] = "xxxxx";
   koGetCurrentModulePath(reinterpret_cast<void*>(&koMkdirP), small, sizeof small);
   EXPECT_EQ(std::string(small), library.substr(0, 5)) << "cut to the buffer, terminated";
-}
 
-TEST(ModulePath, LoadedModulesAreFoundByNameAndSymbols) {
-  const std::string library = resolved(libraryFile());
   char out[8706];
-
+  const char* symbols[] = {"koMkdirP", "koNoSuchSymbolAnywhere"};
   EXPECT_EQ(koGetLoadedModuleFullPath(out, "libkorvel", nullptr, 0), out);
-  EXPECT_EQ(out, library);
-
-  const char* present[] = {"koMkdirP", "koRemoveRF"};
-  ASSERT_NE(koGetLoadedModuleFullPath(out, "libkorvel", present, 2), nullptr);
-  EXPECT_EQ(out, library);
-
-  const char* oneMissing[] = {"koMkdirP", "koNoSuchSymbolAnywhere"};
-  EXPECT_EQ(koGetLoadedModuleFullPath(out, "libkorvel", oneMissing, 2), nullptr);
-
+  EXPECT_EQ(out, resolved(library));
+  EXPECT_EQ(koGetLoadedModuleFullPath(out, "libkorvel", symbols, 2), nullptr) << "one is missing";
   // Every library's file name begins with "lib"; only this one exports
   // koMkdirP, so the others are passed over whatever their order.
-  const char* ours[] = {"koMkdirP"};
-  ASSERT_NE(koGetLoadedModuleFullPath(out, "lib", ours, 1), nullptr);
-  EXPECT_EQ(out, library);
-
-  EXPECT_NE(koGetLoadedModuleFullPath(out, nullptr, nullptr, 0), nullptr);
+  ASSERT_NE(koGetLoadedModuleFullPath(out, "lib", symbols, 1), nullptr);
+  EXPECT_EQ(out, resolved(library));
+  ASSERT_NE(koGetLoadedModuleFullPath(out, nullptr, nullptr, 0), nullptr);
   EXPECT_EQ(out, resolved("/proc/self/exe")) << "no name: the first module, the program";
-
   EXPECT_EQ(koGetLoadedModuleFullPath(out, "no-module-is-called-this", nullptr, 0), nullptr);
 }
 
-class ModuleListTest : public TempDirTest {
- protected:
-  ModuleListTest() {
-    korvel_test::writeFile(at("maps"),
-                           "00400000-00452000 r-xp 00000000 08:02 173521 /opt/foo/bin/prog\n"
-                           "00651000-00652000 r--p 00051000 08:02 173521 /lib/readonly_foo.so\n"
-                           "7f01-7f02 r-xp 00000000 08:02 2 /lib/libfoo.so\n"
-                           "7f02-7f03 rw-p 00000000 00:00 0 [heap]\n"
-                           "7f03-7f04 r-xp 00000000 08:02 3 /lib/foolish.so\n"
-                           "7f04-7f05 r-xp 00000000 08:02 3 /lib/foolish.so\n"
-                           "7f05-7f06 r-xp 00000000 08:02 4 /lib/foo.so\n");
+TEST(ModuleList, ExecutableMappingsInOrderAndTheBestNameMatch) {
+  korvel_test::TempDir dir;
+  const std::string maps = dir / "maps";
+  korvel_test::writeFile(maps,
+                         "00400000-00452000 r-xp 00000000 08:02 173521 /opt/foo/bin/prog\n"
+                         "00651000-00652000 r--p 00051000 08:02 173521 /lib/readonly_foo.so\n"
+                         "7f01-7f02 r-xp 00000000 08:02 2 /lib/libfoo.so\n"
+                         "7f02-7f03 rw-p 00000000 00:00 0 [heap]\n"
+                         "7f03-7f04 r-xp 00000000 08:02 3 /lib/foolish.so\n"
+                         "7f04-7f05 r-xp 00000000 08:02 3 /lib/foolish.so\n");
+  const koLoadedModuleListIterator end(maps.c_str(), koLoadedModuleListIterator::END, nullptr);
+  std::vector<std::string> paths;
+  for (koLoadedModuleListIterator it(maps.c_str(), 0, nullptr); it != end; ++it) {
+    paths.push_back(*it);
   }
-
-  std::vector<std::string> modules() {
-    std::vector<std::string> paths;
-    const std::string maps = at("maps");
-    const koLoadedModuleListIterator end(maps.c_str(), koLoadedModuleListIterator::END, nullptr);
-    for (koLoadedModuleListIterator it(maps.c_str(), 0, nullptr); it != end; ++it) {
-      paths.push_back(*it);
-    }
-    return paths;
-  }
-};
-
-TEST_F(ModuleListTest, ExecutableMappingsAreListedInOrderWithRepeats) {
-  EXPECT_EQ(modules(),
-            (std::vector<std::string>{"/opt/foo/bin/prog", "/lib/libfoo.so", "/lib/foolish.so",
-                                      "/lib/foolish.so", "/lib/foo.so"}));
-  const std::string maps = at("maps");
+  EXPECT_EQ(paths, (std::vector<std::string>{"/opt/foo/bin/prog", "/lib/libfoo.so",
+                                             "/lib/foolish.so", "/lib/foolish.so"}));
   EXPECT_STREQ(*koLoadedModuleListIterator(maps.c_str(), 2, nullptr), "/lib/foolish.so");
-  EXPECT_TRUE(koLoadedModuleListIterator(maps.c_str(), 5, nullptr) ==
-              koLoadedModuleListIterator(maps.c_str(), koLoadedModuleListIterator::END, nullptr));
-  EXPECT_TRUE(koLoadedModuleListIterator(at("missing").c_str(), 0, nullptr) ==
-              koLoadedModuleListIterator(maps.c_str(), koLoadedModuleListIterator::END, nullptr));
-}
+  EXPECT_TRUE(koLoadedModuleListIterator((dir / "missing").c_str(), 0, nullptr) == end);
 
-TEST_F(ModuleListTest, NameInTheFileNameBeatsADirectoryAndAPrefixEndsTheSearch) {
+  // Name only in a directory, then inside the file name, then at its start.
   char out[8706] = "";
   koLoadedModuleNameChecker checker("foo", out, nullptr, 0);
-  const std::vector<std::string> paths = modules();
-  EXPECT_FALSE(checker(paths[0].c_str()));
-  EXPECT_EQ(checker.bestScore(), 1) << "name only in a directory";
-  EXPECT_STREQ(checker.result(), "/opt/foo/bin/prog");
-  EXPECT_FALSE(checker(paths[1].c_str()));
-  EXPECT_EQ(checker.bestScore(), 9) << "name inside the file name";
-  EXPECT_STREQ(checker.result(), "/lib/libfoo.so");
-  EXPECT_TRUE(checker(paths[2].c_str())) << "the file name begins with the name";
-  EXPECT_EQ(checker.bestScore(), 17);
-  EXPECT_STREQ(checker.result(), "/lib/foolish.so");
-
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(checker(paths[i].c_str()), i == 2) << "stops at a file name starting with it";
+    EXPECT_EQ(checker.result(), paths[i]) << "each better than the one before";
+  }
   koLoadedModuleNameChecker firstOfEqual("o", out, nullptr, 0);
-  EXPECT_FALSE(firstOfEqual("/lib/libfoo.so"));
-  EXPECT_FALSE(firstOfEqual("/lib/libboo.so"));
+  EXPECT_FALSE(firstOfEqual("/lib/libfoo.so") || firstOfEqual("/lib/libboo.so"));
   EXPECT_STREQ(firstOfEqual.result(), "/lib/libfoo.so") << "ties go to the earlier module";
-
-  koLoadedModuleNameChecker absent("bar", out, nullptr, 0);
-  for (const std::string& path : paths) EXPECT_FALSE(absent(path.c_str()));
-  EXPECT_EQ(absent.result(), nullptr);
-
   const char* symbols[] = {"anything"};
-  koLoadedModuleNameChecker unloadable("foo", out, symbols, 1);
-  for (const std::string& path : paths) EXPECT_FALSE(unloadable(path.c_str()));
+  koLoadedModuleNameChecker absent("bar", out, nullptr, 0), unloadable("foo", out, symbols, 1);
+  for (const std::string& path : paths)
+    EXPECT_FALSE(absent(path.c_str()) || unloadable(path.c_str()));
+  EXPECT_EQ(absent.result(), nullptr);
   EXPECT_EQ(unloadable.result(), nullptr) << "modules that cannot be loaded are passed over";
 }
 

@@ -1,5 +1,6 @@
-// Multi-process helpers for tests: run a function in a forked child and
-// collect its exit status.
+// Multi-process helpers for tests: children that run a function or a
+// program, as this user or as an unprivileged one, with their output
+// captured.
 #ifndef KORVEL_TESTS_SUPPORT_PROCESS_H_
 #define KORVEL_TESTS_SUPPORT_PROCESS_H_
 
@@ -12,6 +13,9 @@
 
 namespace korvel_test {
 
+// The user and group runUnprivileged switches to when the test runs as root.
+constexpr uid_t kNobody = 65534;
+
 // Forks; the child runs body and exits with its result (an escaping exception
 // gives 99). Returns the child's pid, or -1.
 pid_t forkChild(const std::function<int()>& body);
@@ -23,8 +27,12 @@ int waitChild(pid_t pid);
 // forkChild + waitChild.
 int runInChild(const std::function<int()>& body);
 
+// runInChild, as the unprivileged user kNobody when the test runs as root
+// (whom permissions do not bind); 90 when the switch fails.
+int runUnprivileged(const std::function<int()>& body);
+
 // Runs body in a child with its standard output and standard error captured;
-// returns the exit code and stores what was written.
+// returns the exit code and stores what was written (either may be null).
 int runInChildCapturing(const std::function<int()>& body, std::string* out, std::string* err);
 
 // Runs body in this process with file descriptor 2 sent to a temporary
@@ -33,6 +41,10 @@ std::string captureStderr(const std::function<void()>& body);
 
 // Wall time since start, in seconds (steady clock).
 double secondsSince(std::chrono::steady_clock::time_point start);
+
+// Polls condition every 2 ms until it holds (true) or `seconds` have passed
+// (false).
+bool eventually(const std::function<bool()>& condition, double seconds = 20.0);
 
 // Starts program with args in a new process (fork + exec). The environment
 // is this process's without any KORVEL_* variable, plus env ("NAME=value").

@@ -1,16 +1,18 @@
-// Test fixture support: a fresh temporary directory per test, removed with
-// everything in it afterwards (also trees whose paths exceed PATH_MAX).
+// Scratch directories and small file helpers for tests: a fresh temporary
+// directory per test, removed with everything in it afterwards (also trees
+// whose paths exceed PATH_MAX, whatever their modes).
 #ifndef KORVEL_TESTS_SUPPORT_TEMP_DIR_H_
 #define KORVEL_TESTS_SUPPORT_TEMP_DIR_H_
 
 #include <gtest/gtest.h>
+#include <time.h>
 
 #include <string>
 
 namespace korvel_test {
 
-// Creates a directory below $TMPDIR (or /tmp) and removes it, recursively and
-// whatever its modes, on destruction.
+// Creates a directory below $TMPDIR (or /tmp) and removes its tree on
+// destruction.
 class TempDir {
  public:
   TempDir();
@@ -26,14 +28,17 @@ class TempDir {
   std::string path_;
 };
 
-// Removes the tree at dirfd/name without building full paths, so it works
-// below PATH_MAX depth too. Adds owner permissions where needed.
+// Removes the tree at path without building full paths, so it works below
+// PATH_MAX depth too. Adds owner permissions where needed.
 void removeTree(const std::string& path);
 
 // Writes text to the file at path (created or truncated); fails the test on error.
 void writeFile(const std::string& path, const std::string& text);
 // Reads the whole file; empty when it cannot be read.
 std::string readFile(const std::string& path);
+// Sets the modification (and access) time of path to whole second seconds;
+// false on failure.
+bool setMtime(const std::string& path, time_t seconds);
 
 class TempDirTest : public ::testing::Test {
  protected:

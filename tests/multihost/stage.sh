@@ -1,0 +1,330 @@
+#!/usr/bin/env bash
+# The directory locks between two hosts that share a directory over sshfs
+# (see hosts.sh), with skewed clocks and a cut link. Run as root:
+#   tests/multihost/stage.sh BUILD_DIR
+# BUILD_DIR holds tests/lock_child and tools/korvel-lock. Each scenario prints
+# its figures; the exit status is 0 when all of them held. Hold times and
+# takeover delays are measured on CLOCK_MONOTONIC, shared by all hosts.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(realpath "$1")
+worker=$build/tests/lock_child
+tool=$build/tools/korvel-lock
+faketime=/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1
+for f in "$worker" "$tool" "$faketime"; do
+  [ -e "$f" ] || { echo "multihost: $f is missing" >&2; exit 2; }
+done
+
+run=$(mktemp -d "${TMPDIR:-/tmp}/korvel-multihost.XXXXXX")
+logs=$run/logs
+shared=$run/run/shared  # the same path on both hosts
+mkdir -p "$run/run" "$logs"
+failed=0
+phases=0
+running=()  # the scenarios of the current phase
+cleanup() {
+  local status=$?
+  trap - EXIT INT TERM
+  [ ${#running[@]} -eq 0 ] || kill "${running[@]}" 2>/dev/null
+  "$here/hosts.sh" down "$run/run"  # also ends every process left on the hosts
+  if [ "$status" -eq 0 ]; then rm -rf "$run"; else echo "multihost: logs kept in $logs"; fi
+  exit "$status"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+on() { "$here/hosts.sh" on "$run/run" "$@"; }
+# start OUT HOST CMD...: starts CMD on HOST in the background, its output
+# into OUT; sets started to its pid (hosts.sh and nsenter exec it). spawn:
+# the same for a process that will be killed, not waited for.
+start() {
+  local out=$1
+  shift
+  "$here/hosts.sh" on "$run/run" "$@" >"$out" &
+  started=$!
+}
+spawn() {
+  start "$@"
+  disown "$started"
+}
+stamp() { "$worker" stamp; }
+# "${skewed[@]}" FAKETIME=OFFSET CMD...: CMD with its wall clock moved by
+# OFFSET (+1h, -1h), the monotonic clock and file times left alone. Without
+# the monotonic fix, because with it timed condition waits return at once.
+skewed=(env LD_PRELOAD="$faketime" FAKETIME_DONT_FAKE_MONOTONIC=1 NO_FAKE_STAT=1
+  FAKETIME_FORCE_MONOTONIC_FIX=0)
+# waitLine FILE WORD SECONDS: until a line of FILE starts with WORD.
+waitLine() {
+  local i
+  for ((i = 0; i < $3 * 20; i++)); do
+    grep -q "^$2" "$1" 2>/dev/null && return 0
+    sleep 0.05
+  done
+  return 1
+}
+word() { awk -v w="$2" -v n="$3" '$1 == w { print $n; exit }' "$1" 2>/dev/null; }
+seconds() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b - a) / 1e6 }'; }
+within() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN { exit !(v >= lo && v <= hi) }'; }
+lockFiles() { on b ls -A "$1" | grep -c '^\.deploy_' || true; }
+hiddenFiles() { on b ls -A "$1" | grep -c '^\.fuse_hidden' || true; }
+# The last change of a watched file before time T: the holder's last refresh.
+lastChangeBefore() { awk -v t="$2" '$1 < t && $2 != "-" && $2 != "" { last = $1 } END { print last }' "$1"; }
+# Overlapping pairs of hold intervals in the given logs (lines "KIND start
+# end", the log's name ending in .HOST.N): conflicting pairs (anything but
+# two readers), reader pairs, and reader pairs from different hosts.
+overlaps() {
+  awk '/^[XWR] / { n++; k[n] = $1; s[n] = $2; e[n] = $3; f = FILENAME; sub(/\.[0-9]+$/, "", f); h[n] = f }
+    END {
+      for (i = 1; i <= n; i++)
+        for (j = i + 1; j <= n; j++)
+          if (s[i] < e[j] && s[j] < e[i]) {
+            if (k[i] == "R" && k[j] == "R") { r++; if (h[i] != h[j]) x++ } else c++
+          }
+      print c + 0, r + 0, x + 0
+    }' "$@"
+}
+verdict() {  # verdict NAME FIGURES FAILURES
+  if [ -z "$3" ]; then echo "$1: $2: ok"; else echo "$1: $2: FAILED:$3"; return 1; fi
+}
+
+# 1. The exclusive lock: two processes per host, 100 holds each.
+exclusive() {
+  local d=$shared/excl rounds=100 pids=() fail="" markers=0 start status
+  on a mkdir "$d"
+  start=$(stamp)
+  for p in a.1 a.2 b.1 b.2; do
+    start "$logs/excl.$p" "${p%.*}" "$worker" count "$d" "$rounds"
+    pids+=("$started")
+  done
+  for pid in "${pids[@]}"; do
+    status=0
+    wait "$pid" || status=$?
+    [ "$status" -lt 100 ] || fail+=" a worker failed ($status)"
+    markers=$((markers + status % 100))
+  done
+  local took holds counter left hidden o
+  took=$(seconds "$start" "$(stamp)")
+  holds=$(cat "$logs"/excl.* | grep -c '^X ' || true)
+  read -r o _ _ < <(overlaps "$logs"/excl.*)
+  counter=$(on b cat "$d/counter" || echo 0)
+  left=$(lockFiles "$d")
+  hidden=$(hiddenFiles "$d")
+  [ "$o" -eq 0 ] || fail+=" overlapping holds"
+  [ "$markers" -eq 0 ] || fail+=" marker overlaps"
+  [ "$counter" -eq $((4 * rounds)) ] || fail+=" counter"
+  [ "$left" -eq 0 ] || fail+=" lock files left"
+  verdict "1 exclusive lock, 2 hosts x 2 processes x $rounds holds" \
+    "$holds holds in ${took} s, $o overlapping by interval, $markers by marker, counter $counter of $((4 * rounds)), $left lock files left ($hidden .fuse_hidden names)" "$fail"
+}
+
+# 2. The read-write lock: two processes per host, readers and writers mixed.
+readWrite() {
+  local d=$shared/rw rounds=80 pids=() fail="" markers=0 status
+  on a mkdir "$d"
+  local i=0
+  for p in a.1 a.2 b.1 b.2; do
+    i=$((i + 1))
+    start "$logs/rw.$p" "${p%.*}" "$worker" rw-mix "$d" "$d" "$rounds" "$i" 20000
+    pids+=("$started")
+  done
+  for pid in "${pids[@]}"; do
+    status=0
+    wait "$pid" || status=$?
+    [ "$status" -lt 100 ] || fail+=" a worker failed ($status)"
+    markers=$((markers + status % 100))
+  done
+  local writes reads counter left c r x
+  writes=$(cat "$logs"/rw.* | grep -c '^W ' || true)
+  reads=$(cat "$logs"/rw.* | grep -c '^R ' || true)
+  read -r c r x < <(overlaps "$logs"/rw.*)
+  counter=$(on b cat "$d/counter" || echo 0)
+  left=$(lockFiles "$d")
+  [ "$c" -eq 0 ] || fail+=" a writer overlapped"
+  [ "$markers" -eq 0 ] || fail+=" marker overlaps"
+  [ "$r" -gt 0 ] || fail+=" readers never overlapped"
+  [ "$counter" -eq "$writes" ] || fail+=" counter"
+  [ "$left" -eq 0 ] || fail+=" lock files left"
+  [ $((writes + reads)) -eq $((4 * rounds)) ] || fail+=" holds missing"
+  verdict "2 read-write lock, 2 hosts x 2 processes x $rounds holds" \
+    "$writes writes, $reads reads; $c writer overlaps by interval, $markers by marker; $r reader pairs overlapped ($x across hosts); counter $counter of $writes; $left lock files left" "$fail"
+}
+
+# A holder on one host is SIGKILLed; a waiter on the other takes over.
+# takeover NAME HOLDER_PID HOLDER_LOG TAKER_LOG FIRST_SECONDS: waits
+# FIRST_SECONDS (the holder must keep the lock meanwhile), kills the holder
+# and prints the delay from its last refresh (seen in the watch log NAME.watch)
+# to the takeover, the refreshes seen before the kill, and what failed.
+takeover() {
+  local name=$1 holder=$2 held=$3 taker=$4 first=$5 fail=""
+  sleep "$first"
+  grep -q '^held\|^[0-9]' "$taker" && fail+=" taken over from a live holder"
+  grep -q '^lost' "$held" && fail+=" the live holder lost its lock"
+  kill -KILL "$holder"
+  local killed
+  killed=$(stamp)
+  waitLine "$taker" "held\|^[0-9]" 30 || fail+=" no takeover within 30 s"
+  local last took delay refreshes
+  last=$(lastChangeBefore "$logs/$name.watch" "$killed")
+  refreshes=$(awk -v t="$killed" '$1 < t && $2 != "-" && $2 != "" { n++ } END { print n - 1 }' "$logs/$name.watch")
+  took=$(awk '/^held/ { print $2; exit } /^[0-9]/ { print $1; exit }' "$taker")
+  delay=$(seconds "${last:-0}" "${took:-0}")
+  [ "$refreshes" -gt 0 ] || fail+=" no refresh seen before the kill"
+  within "$delay" 15 17.5 || fail+=" takeover not 15-17.5 s after the last refresh"
+  echo "$delay $refreshes$fail"
+}
+
+# 3. Stale takeover across hosts, through the library.
+staleLibrary() {
+  local d=$shared/stale-lib
+  on a mkdir "$d"
+  spawn "$logs/stale-lib.watch" b "$worker" watch "$d/.deploy_lock.0"
+  local watcher=$started
+  spawn "$logs/stale-lib.holder" a "$worker" hold "$d" excl
+  local holder=$started
+  waitLine "$logs/stale-lib.holder" held 10 || { verdict "3 stale takeover (library)" "-" " no first hold"; return 1; }
+  spawn "$logs/stale-lib.taker" b "$worker" hold "$d" excl
+  local taker=$started delay refreshes fail left
+  read -r delay refreshes fail < <(takeover stale-lib "$holder" "$logs/stale-lib.holder" "$logs/stale-lib.taker" 7)
+  kill -TERM "$taker"
+  waitLine "$logs/stale-lib.taker" released 10
+  kill "$watcher"
+  grep -q '^released 1' "$logs/stale-lib.taker" || fail+=" the new holder's release failed"
+  left=$(lockFiles "$d")
+  [ "$left" -eq 0 ] || fail+=" lock files left"
+  verdict "3 stale takeover, library, killed on a, waiter on b" \
+    "refreshes seen: $refreshes; killed, taken over $delay s after the last refresh; $left lock files left" "$fail"
+}
+
+# 3. The same with korvel-lock (the read-write lock's write side).
+staleTool() {
+  local d=$shared/stale-tool
+  on a mkdir "$d"
+  spawn "$logs/stale-tool.watch" b "$worker" watch "$d/.deploy_write_lock"
+  local watcher=$started
+  spawn "$logs/stale-tool.holder" a "$tool" "$d" -- sh -c "'$worker' stamp; exec sleep 600"
+  local holder=$started
+  waitLine "$logs/stale-tool.holder" "[0-9]" 10 || { verdict "3 stale takeover (korvel-lock)" "-" " no first hold"; return 1; }
+  local child
+  child=$(cat "/proc/$holder/task/$holder/children")
+  start "$logs/stale-tool.taker" b "$tool" "$d" -- "$worker" stamp
+  local taker=$started delay refreshes fail left status=0
+  read -r delay refreshes fail < <(takeover stale-tool "$holder" "$logs/stale-tool.holder" "$logs/stale-tool.taker" 7)
+  [ -z "$child" ] || kill -KILL "$child" 2>/dev/null || true
+  wait "$taker" || status=$?
+  kill "$watcher"
+  [ "$status" -eq 0 ] || fail+=" the waiting korvel-lock exited with $status"
+  left=$(lockFiles "$d")
+  [ "$left" -eq 0 ] || fail+=" lock files left"
+  verdict "3 stale takeover, korvel-lock, killed on a, waiter on b" \
+    "refreshes seen: $refreshes; killed, taken over $delay s after the last refresh; $left lock files left" "$fail"
+}
+
+# 4. Skew: the holder's clock and the waiter's are two hours apart. The live
+# holder keeps the lock for 62 s; then it is killed and taken over.
+skew() {
+  local hostA=$1 skewA=$2 hostB=$3 skewB=$4 name=skew$1
+  local d=$shared/$name
+  on a mkdir "$d"
+  spawn "$logs/$name.watch" "$hostB" "$worker" watch "$d/.deploy_lock.0"
+  local watcher=$started
+  spawn "$logs/$name.holder" "$hostA" "${skewed[@]}" FAKETIME="$skewA" "$worker" hold "$d" excl
+  local holder=$started
+  waitLine "$logs/$name.holder" held 10 || { verdict "4 skew" "-" " no first hold"; return 1; }
+  local offsetA
+  offsetA=$(($(word "$logs/$name.holder" held 3) - $(date +%s)))
+  spawn "$logs/$name.taker" "$hostB" "${skewed[@]}" FAKETIME="$skewB" "$worker" hold "$d" excl
+  local taker=$started delay refreshes fail offsetB left
+  read -r delay refreshes fail < <(takeover "$name" "$holder" "$logs/$name.holder" "$logs/$name.taker" 62)
+  offsetB=$(($(word "$logs/$name.taker" held 3) - $(date +%s)))
+  kill -TERM "$taker"
+  waitLine "$logs/$name.taker" released 10
+  kill "$watcher"
+  within "$offsetA" $((${skewA%h} * 3600 - 5)) $((${skewA%h} * 3600 + 5)) || fail+=" holder not skewed"
+  within "$offsetB" $((${skewB%h} * 3600 - 5)) $((${skewB%h} * 3600 + 5)) || fail+=" waiter not skewed"
+  grep -q '^released 1' "$logs/$name.taker" || fail+=" the new holder's release failed"
+  left=$(lockFiles "$d")
+  [ "$left" -eq 0 ] || fail+=" lock files left"
+  verdict "4 skew, holder on $hostA at ${offsetA} s, waiter on $hostB at ${offsetB} s" \
+    "live holder kept the lock 62 s (refreshes seen: $refreshes); killed, taken over $delay s after its last refresh; $left lock files left" "$fail"
+}
+
+# 5. Partition: host a's link is cut while it holds the lock.
+partition() {
+  local d=$shared/partition fail=""
+  on a mkdir "$d"
+  spawn "$logs/partition.watch" b "$worker" watch "$d/.deploy_lock.0"
+  local watcher=$started
+  spawn "$logs/partition.old" a "$worker" hold "$d" excl
+  local old=$started
+  waitLine "$logs/partition.old" held 10 || { verdict "5 partition" "-" " no first hold"; return 1; }
+  spawn "$logs/partition.new" b "$worker" hold "$d" excl
+  local new=$started
+  sleep 6
+  local cut
+  cut=$(stamp)
+  "$here/hosts.sh" link "$run/run" a down
+  waitLine "$logs/partition.new" held 40 || fail+=" no takeover within 40 s"
+  local last took lost delay lead
+  last=$(lastChangeBefore "$logs/partition.watch" "$cut")
+  took=$(word "$logs/partition.new" held 2)
+  lost=$(word "$logs/partition.old" lost 2)
+  delay=$(seconds "${last:-0}" "${took:-0}")
+  within "$delay" 15 17.5 || fail+=" takeover not 15-17.5 s after the last refresh"
+  if [ -n "$lost" ]; then
+    lead=$(seconds "$lost" "${took:-0}")
+    within "$lead" 0.001 1000 || fail+=" the old holder learnt of its loss after the takeover"
+  else
+    lead="-"
+    fail+=" the old holder was not told of its loss"
+  fi
+  "$here/hosts.sh" link "$run/run" a up
+  local i
+  for ((i = 0; i < 100; i++)); do
+    on a stat "$d" >/dev/null 2>&1 && break
+    sleep 0.1
+  done
+  on a stat "$d" >/dev/null 2>&1 || fail+=" host a did not reconnect"
+  sleep 6  # more than a refresh period with the link back
+  kill -TERM "$old"
+  waitLine "$logs/partition.old" released 15 || fail+=" the old holder's release hung"
+  local oldRelease kept=yes
+  oldRelease=$(word "$logs/partition.old" released 2)
+  [ "$oldRelease" = 0 ] || fail+=" the old holder's release did not report the loss"
+  on b test -e "$d/.deploy_lock.0" || { kept=no; fail+=" the new holder's file was removed"; }
+  kill -TERM "$new"
+  waitLine "$logs/partition.new" released 10
+  kill "$watcher"
+  local newLost=no newRelease left
+  grep -q '^lost' "$logs/partition.new" && { newLost=yes; fail+=" the new holder lost its lock"; }
+  newRelease=$(word "$logs/partition.new" released 2)
+  [ "$newRelease" = 1 ] || fail+=" the new holder's release failed"
+  left=$(lockFiles "$d")
+  [ "$left" -eq 0 ] || fail+=" lock files left"
+  verdict "5 partition, a cut off while holding, b waiting" \
+    "taken over $delay s after the last refresh; a told of its loss $lead s before the takeover; link back: a's release returned ${oldRelease:--}, b's file still there: $kept, b told of a loss: $newLost, b's release returned ${newRelease:--}; $left lock files left" "$fail"
+}
+
+# phase NAME FUNCTION...: runs the functions side by side, then prints their lines.
+phase() {
+  local n=0 f
+  phases=$((phases + 1))
+  running=()
+  for f in "$@"; do
+    n=$((n + 1))
+    $f >"$logs/phase$phases.$n" 2>&1 &
+    running+=($!)
+  done
+  for ((n = 0; n < ${#running[@]}; n++)); do
+    wait "${running[$n]}" || failed=1
+    cat "$logs/phase$phases.$((n + 1))"
+  done
+  running=()
+}
+
+began=$(date +%s)
+"$here/hosts.sh" up "$run/run"
+phase exclusive readWrite
+phase staleLibrary staleTool "skew a +1h b -1h" "skew b -1h a +1h"
+phase partition
+echo "multihost: $(($(date +%s) - began)) s"
+exit "$failed"

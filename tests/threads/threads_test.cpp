@@ -1,0 +1,327 @@
+// Threads: the thread object, the basic and pooled factories, the clean-up
+// guard and the loop thread. The host's thread services below are real
+// POSIX threads, counted, and the creation of detached threads can be made
+// to fail.
+#include "korvel/threads.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <boost/thread/mutex.hpp>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/host.h"
+#include "tests/support/process.h"
+
+namespace hooks {
+
+std::atomic<int> joinableCreated{0};
+std::atomic<int> joined{0};
+std::atomic<bool> failDetached{false};
+std::atomic<void*> lastCreated{nullptr};
+
+}  // namespace hooks
+
+extern "C" int host_create_thread(korvel_host_thread_t* handle, korvel_thread_entry entry,
+                                  void* argument) {
+  hooks::lastCreated = argument;
+  ++hooks::joinableCreated;
+  pthread_t thread;
+  const int rc = pthread_create(&thread, nullptr, entry, argument);
+  if (rc == 0) *handle = static_cast<korvel_host_thread_t>(thread);
+  return rc;
+}
+
+extern "C" void* host_join_thread(korvel_host_thread_t handle) {
+  void* result = nullptr;
+  pthread_join(static_cast<pthread_t>(handle), &result);
+  ++hooks::joined;
+  return result;
+}
+
+// A destroyed pool ends and joins its threads on a detached clean-up thread,
+// after its test has moved on: each test waits for the detached threads it
+// started, so that their joins do not count in the next test.
+namespace {
+
+std::atomic<int> detachedRunning{0};
+
+struct DetachedStart {
+  korvel_thread_entry entry;
+  void* argument;
+};
+
+void* runDetached(void* start) {
+  const DetachedStart what = *static_cast<DetachedStart*>(start);
+  delete static_cast<DetachedStart*>(start);
+  void* result = what.entry(what.argument);
+  --detachedRunning;
+  return result;
+}
+
+struct WaitForDetachedThreads : testing::EmptyTestEventListener {
+  void OnTestEnd(const testing::TestInfo&) override {
+    korvel_test::eventually([] { return detachedRunning == 0; });
+  }
+};
+
+const bool listening =
+    (testing::UnitTest::GetInstance()->listeners().Append(new WaitForDetachedThreads), true);
+
+}  // namespace
+
+extern "C" int host_create_detached_thread(korvel_thread_entry entry, void* argument) {
+  // A host whose thread service reports failure by the library's own error.
+  if (hooks::failDetached) throw koThread::StartError();
+  ++detachedRunning;
+  auto* start = new DetachedStart{entry, argument};
+  pthread_t thread;
+  const int rc = pthread_create(&thread, nullptr, runDetached, start);
+  if (rc == 0) {
+    pthread_detach(thread);
+  } else {
+    delete start;
+    --detachedRunning;
+  }
+  return rc;
+}
+
+namespace {
+
+using korvel_test::secondsSince;
+using std::chrono::milliseconds;
+using Zentha::System::TimeUnit;
+typedef koSynchronizedLoopThread<boost::timed_mutex> LoopThread;
+typedef boost::timed_mutex::scoped_lock Lock;
+
+TEST(Thread, JoinableThreadHandsBackItsResultAndDetachedOneCannotBeJoined) {
+  int marker = 0;
+  koBasicThreadFactory factory;
+  koThread* worker = factory.createThread([&marker]() -> void* { return &marker; });
+  worker->start(false);
+  EXPECT_EQ(worker->join(), &marker);
+  factory.recycle(worker);
+  koThread idle;
+  idle.start(false);
+  EXPECT_EQ(idle.join(), nullptr) << "the default body";
+
+  std::atomic<bool> ran{false};
+  auto* detached = new koThread([&ran]() -> void* { return ran = true, nullptr; });
+  detached->start(true);
+  try {
+    detached->join();
+    ADD_FAILURE() << "join of a detached thread must throw";
+  } catch (const koThread::InvalidStateError& e) {
+    const koThread::InvalidStateError copy(e);
+    EXPECT_STREQ(copy.what(),
+                 "The thread is in an invalid state: Attempted join to detached thread");
+    EXPECT_NE(copy.what(), e.what()) << "each error owns its message";
+  }
+  EXPECT_TRUE(korvel_test::eventually([&] { return ran.load(); }));
+  delete detached;  // the body has returned; the object is no longer used
+  EXPECT_STREQ(koThread::StartError().what(), "An error occurred in koThread::start()");
+}
+
+TEST(CleanupFunctionGuard, RunsOnceUnlessDisarmed) {
+  int runs = 0;
+  {
+    koCleanupFunctionGuard guard([&runs] { ++runs; });
+  }
+  EXPECT_EQ(runs, 1);
+  {
+    koCleanupFunctionGuard guard([&runs] { ++runs; });
+    guard.disarm();
+    guard.disarm();
+  }
+  EXPECT_EQ(runs, 1);
+}
+
+void startAndJoin(const std::vector<koThread*>& threads) {
+  for (koThread* t : threads) t->start(false);
+  for (koThread* t : threads) t->join();
+}
+
+// Takes a thread, runs body on it, waits for it and hands it back.
+koThread* roundTrip(koThreadFactory& factory, const boost::function0<void*>& body = &do_nothing) {
+  koThread* thread = factory.createThread(body);
+  startAndJoin({thread});
+  factory.recycle(thread);
+  return thread;
+}
+
+TEST(PooledThreadFactory, ReusesTheLastRecycledThreadFirst) {
+  const int created = hooks::joinableCreated;
+  koPooledThreadFactory pool(3, 16);
+  koThread* first = roundTrip(pool);
+  EXPECT_EQ(first, hooks::lastCreated) << "three made ahead; the last made comes first";
+  std::atomic<int> runs{0};
+  EXPECT_EQ(
+      roundTrip(pool, [&runs]() -> void* { throw std::runtime_error(std::to_string(++runs)); }),
+      first);
+  EXPECT_EQ(roundTrip(pool, [&runs]() -> void* { return ++runs, nullptr; }), first)
+      << "a failing body does not end the pooled thread";
+  EXPECT_EQ(runs, 2);
+  EXPECT_EQ(hooks::joinableCreated - created, 3) << "no new system thread for a reuse";
+
+  // Taken together, recycled a then b: b is on top and comes back first. A
+  // join before the start waits for the run.
+  koThread* a = pool.createThread(&do_nothing);
+  koThread* b = pool.createThread(&do_nothing);
+  EXPECT_THROW(a->start(true), koThread::StartError) << "pooled threads are joinable";
+  std::atomic<bool> joined{false};
+  std::thread joiner([&] {
+    a->join();
+    joined = true;
+  });
+  std::this_thread::sleep_for(milliseconds(100));
+  EXPECT_FALSE(joined) << "join returned before the thread was started";
+  startAndJoin({a, b});
+  joiner.join();
+  pool.recycle(a);
+  pool.recycle(b);
+  EXPECT_EQ(roundTrip(pool), b);
+}
+
+TEST(PooledThreadFactory, SurplusThreadsEndDuringRecycleUnlessTheLimitIsOff) {
+  for (const unsigned long limit : {1ul, static_cast<unsigned long>(-1)}) {
+    koPooledThreadFactory pool(0, limit);
+    std::vector<koThread*> threads;
+    for (int i = 0; i < 5; ++i) threads.push_back(pool.createThread(&do_nothing));
+    startAndJoin(threads);
+    const int joinedBefore = hooks::joined;
+    for (koThread* t : threads) pool.recycle(t);
+    EXPECT_EQ(hooks::joined - joinedBefore, limit == 1 ? 4 : 0) << "limit " << limit;
+    EXPECT_EQ(roundTrip(pool), limit == 1 ? threads[0] : threads[4]);
+  }
+}
+
+TEST(PooledThreadFactory, FailedPoolRefusesEveryRequest) {
+  hooks::failDetached = true;
+  koPooledThreadFactory pool(2, 16);
+  hooks::failDetached = false;
+  EXPECT_THROW(pool.recycle(nullptr), koThread::InvalidStateError);
+  try {
+    pool.createThread(&do_nothing);
+    ADD_FAILURE() << "a failed pool must throw";
+  } catch (const koThread::InvalidStateError& e) {
+    EXPECT_STREQ(e.what(), "The thread is in an invalid state: Thread pool failed to initialize");
+  }
+}
+
+TEST(PooledThreadFactory, DestructionNeverWaitsAndEndsEveryThread) {
+  const int joinedBefore = hooks::joined;
+  std::atomic<bool> release{false};
+  auto* pool = new koPooledThreadFactory(4, 16);
+  // A long body still running when the factory goes: only the clean-up
+  // thread waits for it.
+  koThread* busy = pool->createThread([&release]() -> void* {
+    while (!release) std::this_thread::sleep_for(milliseconds(1));
+    return nullptr;
+  });
+  busy->start(false);
+  const auto before = std::chrono::steady_clock::now();
+  delete pool;
+  EXPECT_LT(korvel_test::secondsSince(before), 2.0);
+  std::this_thread::sleep_for(milliseconds(50));
+  release = true;
+  EXPECT_TRUE(korvel_test::eventually([&] { return hooks::joined - joinedBefore == 4; }))
+      << "joined " << hooks::joined - joinedBefore << " of 4 pooled threads";
+}
+
+// Worker threads made and joined since start; a basic factory makes a
+// system thread for each worker, and the loop joins it before recycling.
+struct Counts {
+  const int made0 = hooks::joinableCreated, joined0 = hooks::joined;
+  int made() const { return hooks::joinableCreated - made0; }
+  int joined() const { return hooks::joined - joined0; }
+};
+
+TEST(LoopThread, StartsAndStopsAreCountedAndAStopWakesTheWait) {
+  boost::timed_mutex mutex;
+  koBasicThreadFactory factory;
+  const Counts counts;
+  int iterations = 0;  // guarded by mutex
+  {
+    LoopThread loop(
+        mutex,
+        [&iterations](koSynchronizedLoopContext& ctx) {
+          ++iterations;
+          ctx.waitFor(5000, TimeUnit::sMilliseconds());
+        },
+        &factory);
+    Lock lock(mutex);
+    loop.stop(lock);  // idle: nothing happens
+    loop.start(lock);
+    EXPECT_GE(iterations, 1) << "start returns once the first iteration has begun";
+    loop.start(lock);
+    loop.stop(lock);
+    EXPECT_EQ(counts.made(), 1);
+    EXPECT_EQ(counts.joined(), 0) << "one start is still unmatched";
+    const auto before = std::chrono::steady_clock::now();
+    loop.stop(lock);
+    EXPECT_LT(secondsSince(before), 4.0) << "the stop must wake the 5 s wait";
+    EXPECT_EQ(counts.joined(), 1);
+    loop.stop(lock);
+    loop.start(lock);  // it runs again after a full stop,
+    loop.start(lock);  // and the destructor stops it whatever the count
+  }
+  EXPECT_EQ(counts.made(), 2);
+  EXPECT_EQ(counts.joined(), 2);
+}
+
+TEST(LoopThread, WaitsTimeOutToTheMillisecondOrEndOnAStop) {
+  boost::timed_mutex mutex;
+  koPooledThreadFactory pool(0, 16);
+  std::vector<std::string> seen;  // guarded by mutex
+  std::atomic<int> progress{0};
+  LoopThread loop(
+      mutex,
+      [&](koSynchronizedLoopContext& ctx) {
+        // Waits time out to the millisecond: short ones end soon, unwoken.
+        for (int i = 0; i < 20; ++i) {
+          if (ctx.waitFor(1, TimeUnit::sMilliseconds())) seen.push_back("woken early");
+        }
+        const auto before = std::chrono::steady_clock::now();
+        const bool woken = ctx.waitFor(500, TimeUnit::sMilliseconds());
+        seen.push_back(woken ? "woken" : secondsSince(before) > 0.45 ? "timed out" : "too short");
+        ++progress;
+        seen.push_back(ctx.waitForWakeUp() ? "woken" : "not woken");
+      },
+      &pool);
+  Lock lock(mutex);
+  loop.start(lock);
+  lock.unlock();
+  EXPECT_TRUE(korvel_test::eventually([&] { return progress == 1; }, 10.0));
+  lock.lock();
+  loop.stop(lock);
+  EXPECT_EQ(seen, (std::vector<std::string>{"timed out", "woken"}));
+}
+
+TEST(LoopThread, BrokenLoopEndsAndAFailedPoolGivesStartError) {
+  boost::timed_mutex mutex;
+  hooks::failDetached = true;
+  koPooledThreadFactory failed(0, 16);
+  hooks::failDetached = false;
+  koBasicThreadFactory factory;
+  std::atomic<int> iterations{0};
+  auto once = [&iterations](koSynchronizedLoopContext& ctx) {
+    ++iterations;
+    ctx.breakLoop();
+  };
+  LoopThread loop(mutex, once, &factory), unstartable(mutex, once, &failed);
+  Lock lock(mutex);
+  loop.start(lock);
+  lock.unlock();
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  lock.lock();
+  EXPECT_EQ(iterations, 1) << "breakLoop ends the loop";
+  loop.stop(lock);
+  EXPECT_THROW(unstartable.start(lock), koThread::StartError);
+}
+
+}  // namespace
