@@ -16,6 +16,13 @@ say() {
 export T0
 export -f say
 
+# korvel-lock --status, indented, with what its exit status says.
+showStatus() {
+  local code=0
+  "$tool" --status "$dir" | sed 's/^/  /' || code=${PIPESTATUS[0]}
+  echo "  (exit status $code: 0 no live lock, 1 a live lock, 2 only stale files)"
+}
+
 echo "== Three writers (exclusive) and three readers (shared) start at once on"
 echo "   $dir; readers may share it, a writer is alone:"
 for w in A B C; do
@@ -39,7 +46,7 @@ say "holder (pid $holder) holds the lock"
   wait "$holder"
 } 2>/dev/null || true
 say "holder killed"
-"$tool" --status "$dir" | sed 's/^/  /'
+showStatus
 
 echo
 echo "   A newcomer with a 1 s time-out cannot get in: the lock file is fresh."
@@ -51,6 +58,6 @@ echo
 echo "   A lock file that has not been rewritten for 15 s belongs to a dead"
 echo "   holder. So as not to wait, the demonstration backdates the file by 30 s:"
 touch -d "@$(($(date +%s) - 30))" "$dir/.deploy_write_lock"
-"$tool" --status "$dir" | sed 's/^/  /'
+showStatus
 "$tool" --timeout 10 "$dir" -- bash -c "say 'newcomer holds it: the stale lock was taken over'"
-"$tool" --status "$dir" | sed 's/^/  /'
+showStatus

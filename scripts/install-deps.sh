@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
 # Installs, from Debian packages, whatever the build and the tests need and
 # the machine lacks. Safe to run again; needs root (or sudo) only when
-# something is missing.
+# something is missing. With the argument "multihost": what the multi-host
+# stage needs instead (namespaces, an SFTP server, sshfs, a clock skewer).
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libboost-thread-dev libgtest-dev libgmock-dev
-          libbenchmark-dev clang-format)
+          libbenchmark-dev clang-format clang-tidy
+          groff-base dpkg-dev lintian)  # korvel-lock's manual page; the Debian packages
+if [ "${1:-}" = multihost ]; then
+  packages=(iproute2 openssh-server sshfs libfaketime)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

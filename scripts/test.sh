@@ -1,12 +1,23 @@
 #!/usr/bin/env bash
-# Builds the library and runs the whole test suite three times: the normal
-# build, AddressSanitizer+UndefinedBehaviorSanitizer and ThreadSanitizer.
-# Each build has its own folder under build/.
+# Checks the formatting, builds the library and runs the whole test suite
+# three times: the normal build (followed by clang-tidy over the library
+# sources, with its compile commands), AddressSanitizer+UndefinedBehavior-
+# Sanitizer and ThreadSanitizer. Each build has its own folder under build/.
+# After the normal build, the current lock code is run against the lock code
+# of an earlier release; last, the multi-host stage, where root, network
+# namespaces and FUSE allow it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 
+# The folders clang-tidy checks, headers included.
+tidy_dirs=(host paths threads ipc fs_lock tools include)
+
 jobs=$(nproc)
+
+echo "=== formatting ==="
+git ls-files -z '*.cpp' '*.h' '*.hpp' | xargs -0 clang-format --dry-run --Werror
+
 run() {
   local name=$1
   shift
@@ -16,11 +27,30 @@ run() {
   (cd "build/${name}" && ctest -j "${jobs}" --output-on-failure)
 }
 
+tidy() {
+  echo "=== clang-tidy ==="
+  local filter status=0
+  filter="^$(pwd)/($(
+    IFS='|'
+    echo "${tidy_dirs[*]}"
+  ))/"
+  git ls-files -z -- "${tidy_dirs[@]/%//*.cpp}" |
+    xargs -0 -n 1 -P "${jobs}" clang-tidy -p build/normal --quiet --header-filter="${filter}" \
+      --warnings-as-errors='*' >build/clang-tidy.log 2>&1 || status=$?
+  grep -v "warnings\? generated\.$" build/clang-tidy.log || true
+  return "${status}"
+}
+
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 run normal
+tidy
+echo "=== interop with earlier lock code ==="
+tests/interop/run.sh build/normal/tests/lock_child build/interop
 run asan -DKORVEL_SANITIZE=address -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF
 run tsan -DKORVEL_SANITIZE=thread -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF
-echo "all builds passed"
+echo "=== multihost ==="
+scripts/multihost.sh build/normal
+echo "all builds, the interop check and the multi-host stage passed"

@@ -1,0 +1,330 @@
+#!/usr/bin/env bash
+# Mutation check: how many realistic one-line faults does the test suite
+# catch? Each fault below is applied alone to a scratch copy of the tree
+# (never to the work tree), the copy is rebuilt incrementally and the ctest
+# subset that should notice is run. A fault is killed when that run fails
+# (a time-out counts). It takes minutes, so it is not part of the test run.
+#
+#   scripts/mutants.sh              every fault
+#   scripts/mutants.sh REGEX        only the faults whose name matches REGEX
+#   scripts/mutants.sh --check      only tell which faults still apply (fast)
+#
+# KORVEL_MUTANTS_DIR (default /tmp/korvel-mutants) holds the scratch copy and
+# its build; it is kept, so the next run only rebuilds what changed.
+# Per-fault logs are left in its logs/ folder. The test run of a fault stops
+# at its first failing test, unless KORVEL_MUTANTS_FULL=1: then each log
+# names every test that caught it.
+#
+# The faults, one per line:  name | file | exact text | replacement | ctest regex
+#   - the text must occur exactly once in the file, else the fault is
+#     reported as "does not apply" (update it when the code moves on);
+#   - in text and replacement, "\|" is a "|", "\n" a line break and "\\" a
+#     backslash; surrounding blanks are dropped;
+#   - the regex (the rest of the line) selects ctest names, which are
+#     "<test binary>.<suite>.<test>"; @paths, @threads, @ipc and @tool stand
+#     for the suites of a family.
+# A fault that still survives is explained by a comment line above it.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+read -r -d '' FAULTS <<'EOF'
+# ---- Lock files, stale test, directory locks ----
+stale_off_by_one_second | fs_lock/fs_lock.cpp | if (difference > staleTimeout) { | if (difference > staleTimeout + 1) { | FsLockTest\.Stale
+stale_not_strict | fs_lock/fs_lock.cpp | if (difference > staleTimeout) { | if (difference >= staleTimeout) { | FsLockTest\.Stale
+stale_judged_on_local_clock | fs_lock/fs_lock.cpp | const double difference = static_cast<double>(tempStat.st_mtime - lockStat.st_mtime); | const double difference = hostRealtime() - static_cast<double>(lockStat.st_mtime); | FsLockTest\.Stale
+exclusive_refresh_never_rewrites | fs_lock/exclusive_lock.cpp | Holdings failed = refreshOnce({owner_->holding_}, *owner_->numbers_); | Holdings failed; | RwLockTest\.HeldFiles
+exclusive_refresh_every_50s | fs_lock/exclusive_lock.cpp | if (context.waitFor(kRefreshPeriodMs, TimeUnit::sMilliseconds())) return; | if (context.waitFor(50, TimeUnit::sSeconds())) return; | RwLockTest\.HeldFiles
+rw_refresh_skips_write_lock | fs_lock/read_write_lock.cpp | if (!noRefresh && impl->hasFile && !impl->refreshed) { | if (!noRefresh && !impl->write && impl->hasFile && !impl->refreshed) { | RwLockTest\.HeldFiles
+rw_refresh_skips_read_locks | fs_lock/read_write_lock.cpp | if (!noRefresh && impl->hasFile && !impl->refreshed) { | if (!noRefresh && impl->write && impl->hasFile && !impl->refreshed) { | RwLockTest\.HeldFiles
+release_keeps_file | fs_lock/fs_lock.cpp | removed = removeIfOursWithin(holding.file(), holding.written(), deadline); | removed = Owned::kYes; | FsLockTest\.Reentrant
+exclusive_holds_the_wrong_level | fs_lock/exclusive_lock.cpp | holding_->hold(levelFile(0), walk.written(), walk.since()); | holding_->hold(levelFile(1), walk.written(), walk.since()); | FsLockTest\.Reentrant
+waiter_queues_one_level_up | fs_lock/exclusive_lock.cpp | int level = 0; | int level = 1; | ^fs_lock_test\.(FsLockTest|LockProcessTest\.Diagnostics)
+waiter_skips_a_level | fs_lock/exclusive_lock.cpp | const int target = level_ - 1; | const int target = level_ - 2; | ^fs_lock_test\.FsLockTest\.
+writer_skips_read_lock_scan | fs_lock/read_write_lock.cpp | return readers.empty() ? Entry::kFree : Entry::kBlocked; | return Entry::kFree; | ^fs_lock_test\.Rw
+lock_file_made_without_dir_lock | fs_lock/read_write_lock.cpp | : lock.acquireUntil(deadline, false, true)) { | : true) { | ^fs_lock_test\.Rw
+rw_release_keeps_file | fs_lock/read_write_lock.cpp | removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds)); | removed = Owned::kYes; | ^fs_lock_test\.RwLockTest\.
+waiter_leaves_stale_files | fs_lock/read_write_lock.cpp | for (const std::string& stale : remover->staleFiles) remover->removeStaleFile(stale); | | ^fs_lock_test\.Rw
+rewrite_without_reading_back | fs_lock/fs_lock.cpp | if (readNumber(fd, found, &size) && found == expected) { | if (readNumber(fd, found, &size)) { | ^fs_lock_test\.(LockProcessTest\.Holders|RwLockTest\.HeldFiles)
+unlink_without_reading_back | fs_lock/fs_lock.cpp | if (!read \|\| found != expected) return Owned::kLost; | if (!read) return Owned::kLost; | ^fs_lock_test\.(FsLockTest\.LockFiles|LockProcessTest\.Holders)
+lease_timer_never_fires | fs_lock/fs_lock.cpp | if (now < leaseEnd_) return leaseEnd_; | return leaseEnd_; | FsLockTest\.ALease
+lease_of_16_seconds | fs_lock/protocol.h | constexpr double kLeaseSeconds = 14.0; | constexpr double kLeaseSeconds = 16.0; | FsLockTest\.ALease
+takeover_without_own_check | fs_lock/exclusive_lock.cpp | if (!keepPlace()) return Step::kLost; | | FsLockTest\.AWaiterStopped
+lock_file_kept_under_lost_dir_lock | fs_lock/read_write_lock.cpp | if (!guard.stillHeld()) { | if (false) { | RwLockTest\.NoLockFileIsKept
+unlistable_directory_lets_writers_in | fs_lock/read_write_lock.cpp | return Entry::kRefused;\n  }\n  return readers.empty() | return Entry::kFree;\n  }\n  return readers.empty() | RwLockTest\.Missing
+unknown_write_lock_lets_readers_in | fs_lock/read_write_lock.cpp | return errno == ENOENT ? 0 : -1; | return 0; | RwLockTest\.Missing
+refusal_retried_forever | fs_lock/fs_lock.cpp | if (!isRefusal(error)) { | if (true) { | FsLockTest\.NothingHangs
+deadline_does_not_saturate | fs_lock/fs_lock.cpp | if (!(seconds < 100.0 * 365 * 86400)) return forever(); | | FsLockTest\.TimeOuts
+forked_child_removes_parents_file | fs_lock/exclusive_lock.cpp | if (holding_->heldElsewhere()) {\n    // A forked child | if (false) {\n    // A forked child | FsLockTest\.AForked
+
+# ---- korvel-lock ----
+tool_timeout_status | tools/korvel_lock.cpp | constexpr int kDefaultConflict = 75; | constexpr int kDefaultConflict = 1; | @tool
+tool_status_stale_rule | tools/lock_files.cpp | return ageOf(file, now) > korvel_protocol::kStaleSeconds; | return ageOf(file, now) > 4 * korvel_protocol::kStaleSeconds; | @tool
+tool_signal_not_passed_on | tools/korvel_lock.cpp | kill(child, signal); | (void)signal; | @tool
+tool_lost_lock_ignored | tools/korvel_lock.cpp | if (lockLost && !o.ignoreLoss && !commandTerminated) { | if (false) { | @tool
+
+# ---- Path strings and buffers ----
+append_bounded_off_by_one | paths/path_strings.cpp | size_t n = strnlen(src, dstSize - 1 - used); | size_t n = strnlen(src, dstSize - used); | @paths
+collapse_reads_past_n | paths/path_strings.cpp | while (len < n && r[len] != '\0' && r[len] != '/') ++len; | while (len <= n && r[len] != '\0' && r[len] != '/') ++len; | @paths
+collapse_dotdot_eats_root | paths/path_strings.cpp | while (w > dst + 1 && w[-1] == '/') --w; | while (w > dst && w[-1] == '/') --w; | @paths
+canonical_fast_path_bound | paths/path_strings.cpp | canonical::resolveInto(out, outSize + 1, path.text) | canonical::resolveInto(out, outSize + 2, path.text) | @paths
+trim_input_copy_bound | paths/path_strings.cpp | length = std::min(length, kLongestPath);\n    memcpy(copy, in, length); | length = std::min(length, kPathBuffer);\n    memcpy(copy, in, length); | @paths
+make_absolute_copy_bound | paths/path_strings.cpp | path.length = std::min(path.length, kLongestPath); | path.length = std::min(path.length, kPathBuffer); | @paths
+# Survives: out holds outSize + 1 bytes and the final collapse cuts to outSize - 1, so no caller sees it.
+make_absolute_room_off_by_one | paths/path_strings.cpp | std::min(path.length, outSize - start - 1) | std::min(path.length, outSize - start) | @paths
+prefix_guess_never_checked | paths/path_strings.cpp | if (!confirmed) { | if (false) { | @paths
+temp_dir_bound | paths/path_strings.cpp | size_t n = strnlen(tmp, kPathBuffer - 2); | size_t n = strnlen(tmp, kPathBuffer - 1); | @paths
+module_path_bound | paths/modules.cpp | strncpy(buffer, info.dli_fname, size - 1); | strncpy(buffer, info.dli_fname, size); | @paths
+tilde_copy_bound | host/host_paths.cpp | size_t n = strnlen(src, dstSize - 1); | size_t n = strnlen(src, dstSize); | @paths
+temp_name_in_use | paths/path_strings.cpp | } while (koFileOrDirExists(buf)); | } while (false); | @paths
+# ---- Walker, trees, modules ----
+walker_skips_dotfiles | paths/dir_walker.cpp | if (strcmp(name, ".") == 0 \|\| strcmp(name, "..") == 0) continue; | if (name[0] == '.') continue; | @paths
+walker_one_level_too_deep | paths/dir_walker.cpp | if (depth > 0) count += walk(dir, "*", visitor, depth - 1, false); | if (depth >= 0) count += walk(dir, "*", visitor, depth - 1, false); | @paths
+walker_dot_prefixed | paths/dir_walker.cpp | dir[0] = '\0'; | strcpy(dir, "./"); | @paths
+wildcard_matches_prefix | host/host_paths.cpp | return *pattern == '\0'; | return true; | @paths
+mkdirp_existing_is_failure | paths/tree.cpp | if (koIsDirectory(prefix.c_str())) continue; | | @paths
+mkdirp_mode_0755 | paths/tree.cpp | hostMkdir(prefix.c_str(), 0775) | hostMkdir(prefix.c_str(), 0755) | @paths
+removerf_forgets_mode | paths/tree.cpp | if (hostRemoveFile(path) != 0 && oldMode != 0) koSetFilePermissions(path, oldMode); | hostRemoveFile(path); | @paths
+removerf_follows_links | paths/tree.cpp | if (isSymbolicLink(path)) { | if (false) { | @paths
+write_bits_owner_only | paths/tree.cpp | constexpr unsigned kWriteBits = S_IWUSR \| S_IWGRP \| S_IWOTH; | constexpr unsigned kWriteBits = S_IWUSR; | @paths
+module_name_at_start_only | paths/modules.cpp | if (hit == p \|\| hit[-1] == '/') { | if (hit == p) { | @paths
+maps_path_token | paths/modules.cpp | constexpr int kTokensToPath = 4; | constexpr int kTokensToPath = 3; | @paths
+# ---- Threads ----
+pool_never_reuses | threads/thread_pool.cpp | if (!idleThreads_.empty()) { | if (false) { | @threads
+pool_takes_the_oldest | threads/thread_pool.cpp | candidate = idleThreads_.back(); | candidate = idleThreads_.front(); | @threads
+pool_join_does_not_wait | threads/thread_pool.cpp | while (!finished_) doneCondition_.wait(); | | @threads
+pool_keeps_one_too_many | threads/thread_pool.cpp | idleThreads_.size() < maxIdleThreads_ | idleThreads_.size() <= maxIdleThreads_ | @threads
+pool_reset_keeps_finished | threads/thread_pool.cpp | }\n  finished_ = false; | } | @threads
+thread_detach_not_recorded | threads/thread.cpp | detached_ = true; | | @threads
+guard_disarm_keeps_pointer | threads/thread.cpp | action_ = nullptr; | | @threads
+loop_does_not_stop | include/korvel/threads.h | driver.stopRequested = true; | | @threads
+loop_stop_does_not_wake | include/korvel/threads.h | driver.wakeCondition.notify_one(); | | @threads
+loop_stop_ignores_count | include/korvel/threads.h | if (useCount_ > 1) { | if (useCount_ > 2) { | @threads
+# Survives since loop waits count milliseconds: toSeconds is left to the lock's overflow test, where rounding up changes nothing.
+short_wait_rounds_up | host/sync.cpp | n / (1000 / millisPerUnit_) | (n + 999) / (1000 / millisPerUnit_) | @threads
+loop_wait_ignores_deadline | include/korvel/threads.h | wakeCondition_->wait_for(*lock_, boost::chrono::milliseconds(unit.toMillis(amount))); | wakeCondition_->wait(*lock_); | @threads
+loop_wait_in_whole_seconds | include/korvel/threads.h | boost::chrono::milliseconds(unit.toMillis(amount)) | boost::chrono::seconds(unit.toSeconds(amount)) | @threads
+# ---- Named semaphores and their messages ----
+sem_release_does_not_post | ipc/semaphore.cpp | const bool posted = hostSemPost(handle_) == 0; | const bool posted = true; | @ipc
+sem_stores_result_not_errno | ipc/semaphore.cpp | lastError_ = errno;\n  if (lastError_ == ETIMEDOUT) { | lastError_ = result;\n  if (lastError_ == ETIMEDOUT) { | @ipc
+sem_name_first_slash_replaced | ipc/semaphore.cpp | for (size_t i = 1; i < name_.size(); ++i) { | for (size_t i = 0; i < name_.size(); ++i) { | @ipc
+sem_deadline_taken_as_interval | ipc/semaphore.cpp | const struct timespec deadline = {timeOut_, 0}; | const struct timespec deadline = {time(nullptr) + timeOut_, 0}; | @ipc
+sem_busy_try_reported | ipc/semaphore.cpp | if (lastError_ != EAGAIN) { | { | @ipc
+sem_destructor_keeps_name | ipc/semaphore.cpp | }\n  if (hostSemUnlink(name_.c_str()) != 0 | }\n  if (false | @ipc
+sem_getvalue_messages_swapped | ipc/semaphore.cpp | lastError_ == ENOSYS ? KORVEL_SEM_GETVALUE_NOT_IMPLEMENTED : KORVEL_SEM_GETVALUE_FAILED | lastError_ == ENOSYS ? KORVEL_SEM_GETVALUE_FAILED : KORVEL_SEM_GETVALUE_NOT_IMPLEMENTED | @ipc
+sem_zombie_wrong_errno | ipc/semaphore.cpp | if (errno == EACCES) { | if (errno == EPERM) { | @ipc
+catalogue_text_changed | ipc/sem_messages.cpp | "Wait on semaphore '%s' timed out after %d seconds.", | "Wait on semaphore '%s' timed out after %d second(s).", | @ipc
+catalogue_registered_each_time | ipc/sem_messages.cpp | reporter->registered = true; | | @ipc
+report_cut_off_by_one | ipc/sem_messages.cpp | const int last = static_cast<int>(sizeof reporter->text) - 2; | const int last = static_cast<int>(sizeof reporter->text) - 1; | @ipc
+report_unknown_written | ipc/sem_messages.cpp | if (n < 1) return n + 1; | | @ipc
+EOF
+
+expand_regex() {
+  case "$1" in
+    @paths) echo '^(paths_test|modules_test|host_override_test)\.|^path_fuzz' ;;
+    @threads) echo '^threads_test\.' ;;
+    @ipc) echo '^(semaphore_test|ipc_host_services_test)\.' ;;
+    @tool) echo '^korvel_lock_test\.' ;;
+    *) echo "$1" ;;
+  esac
+}
+
+# Field decoding; "\|" was turned into \x01 before the line was split.
+decode() {
+  local s=$1
+  s=${s//'\\'/$'\x02'}
+  s=${s//'\n'/$'\n'}
+  s=${s//$'\x02'/\\}
+  s=${s//$'\x01'/|}
+  printf '%s' "$s"
+}
+
+# How often the text $2 occurs in the file $1 (0 when there is no file).
+occurrences() {
+  [ -f "$1" ] && [ -n "$2" ] || {
+    echo 0
+    return
+  }
+  local content without
+  content=$(
+    cat "$1"
+    printf x
+  )
+  content=${content%x}
+  without=${content//"$2"/}
+  echo $(((${#content} - ${#without}) / ${#2}))
+}
+
+trim() {
+  local s=$1
+  s=${s#"${s%%[![:space:]]*}"}
+  s=${s%"${s##*[![:space:]]}"}
+  printf '%s' "$s"
+}
+
+# The whole run is one function, read before it starts: editing this file
+# while it runs cannot change what it does.
+main() {
+  check_only=false
+  if [ "${1:-}" = "--check" ]; then
+    check_only=true
+    shift
+  fi
+  filter=${1:-}
+  scratch=${KORVEL_MUTANTS_DIR:-/tmp/korvel-mutants}
+  src=$scratch/src
+  build=$scratch/build
+  logs=$scratch/logs
+  jobs=2
+  stop=--stop-on-failure
+  [ "${KORVEL_MUTANTS_FULL:-0}" = 1 ] && stop=""
+
+  # ---- The list ----
+  names=() files=() texts=() repls=() regexes=()
+  while IFS= read -r line; do
+    [[ -z "${line//[[:space:]]/}" || "$line" =~ ^[[:space:]]*# ]] && continue
+    fields=${line//'\|'/$'\x01'}
+    pipes=${fields//[^|]/}
+    if [ ${#pipes} -lt 4 ]; then
+      echo "mutants.sh: malformed line: $line" >&2
+      exit 2
+    fi
+    name=${fields%%|*} && fields=${fields#*|}
+    file=${fields%%|*} && fields=${fields#*|}
+    text=${fields%%|*} && fields=${fields#*|}
+    repl=${fields%%|*} && regex=${fields#*|}
+    name=$(trim "$name")
+    [ -n "$filter" ] && ! [[ "$name" =~ $filter ]] && continue
+    names+=("$name")
+    files+=("$(trim "$file")")
+    texts+=("$(decode "$(trim "$text")")")
+    repls+=("$(decode "$(trim "$repl")")")
+    regexes+=("$(expand_regex "$(trim "${regex//$'\x01'/\\|}")")")
+  done <<<"$FAULTS"
+  total=${#names[@]}
+  if [ "$total" -eq 0 ]; then
+    echo "mutants.sh: no fault matches '$filter'" >&2
+    exit 2
+  fi
+
+  if $check_only; then
+    status=0
+    for ((i = 0; i < total; i++)); do
+      n=$(occurrences "${files[$i]}" "${texts[$i]}")
+      if [ "$n" -eq 1 ]; then
+        printf '%-15s %s\n' "applies" "${names[$i]}"
+      else
+        printf '%-15s %s (found %d times in %s)\n' "does not apply" "${names[$i]}" "$n" "${files[$i]}"
+        status=1
+      fi
+    done
+    exit $status
+  fi
+
+  # ---- The scratch copy: tracked and new files, copied only when changed,
+  # so that the incremental build sees a fresh time stamp on each change ----
+  mkdir -p "$src" "$logs"
+  git ls-files -z --cached --others --exclude-standard | while IFS= read -r -d '' f; do
+    [ -f "$f" ] || continue
+    if ! cmp -s "$f" "$src/$f"; then
+      mkdir -p "$src/$(dirname "$f")"
+      cp "$f" "$src/$f"
+    fi
+  done
+
+  echo "building the scratch copy in $build ..."
+  if ! { cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF -DKORVEL_WERROR=OFF &&
+    cmake --build "$build" -j "$jobs"; } >"$logs/build.log" 2>&1; then
+    echo "mutants.sh: the unchanged tree does not build; see $logs/build.log" >&2
+    exit 2
+  fi
+
+  # A fault is tried only when its text is found exactly once and its regex
+  # selects tests; those tests must pass unchanged, else a "kill" would mean
+  # nothing.
+  declare -A selects=()
+  labels=()
+  union=""
+  for ((i = 0; i < total; i++)); do
+    labels+=("")
+    n=$(occurrences "$src/${files[$i]}" "${texts[$i]}")
+    if [ "$n" -ne 1 ]; then
+      labels[i]="does not apply"
+      echo "found $n times in ${files[$i]}" >"$logs/${names[$i]}.log"
+      continue
+    fi
+    re=${regexes[$i]}
+    if [ -z "${selects[$re]:-}" ]; then
+      selects[$re]=$(ctest --test-dir "$build" -N -R "$re" | sed -n 's/^Total Tests: //p')
+      [ "${selects[$re]:-0}" -gt 0 ] && union+="${union:+|}$re"
+    fi
+    if [ "${selects[$re]:-0}" -eq 0 ]; then
+      labels[i]="selects no test"
+      echo "'$re' selects no test" >"$logs/${names[$i]}.log"
+    fi
+  done
+  echo "checking that the selected tests pass unchanged ..."
+  if [ -n "$union" ] && ! ctest --test-dir "$build" -j "$jobs" -R "$union" >"$logs/baseline.log" 2>&1; then
+    echo "mutants.sh: tests fail without any fault; see $logs/baseline.log" >&2
+    exit 2
+  fi
+
+  # ---- One fault at a time ----
+  current=""
+  restore() {
+    if [ -n "$current" ]; then
+      cp "$current.orig" "$current" && rm -f "$current.orig"
+      current=""
+    fi
+  }
+  trap 'restore; exit 130' INT TERM
+
+  killed=() survived=() inapplicable=() unselected=() unbuildable=()
+  for ((i = 0; i < total; i++)); do
+    name=${names[$i]}
+    target=$src/${files[$i]}
+    text=${texts[$i]}
+    repl=${repls[$i]}
+    log=$logs/$name.log
+    started=$SECONDS
+    label=${labels[$i]}
+    if [ -z "$label" ]; then
+      content=$(
+        cat "$target"
+        printf x
+      )
+      content=${content%x}
+      cp "$target" "$target.orig"
+      current=$target
+      printf '%s' "${content/"$text"/"$repl"}" >"$target"
+      if ! cmake --build "$build" -j "$jobs" >"$log" 2>&1; then
+        label="build failed"
+      elif ctest --test-dir "$build" -j "$jobs" $stop -R "${regexes[$i]}" >>"$log" 2>&1; then
+        label="SURVIVED"
+      else
+        label="killed"
+      fi
+      restore
+    fi
+    case "$label" in
+      killed) killed+=("$name") ;;
+      SURVIVED) survived+=("$name") ;;
+      "does not apply") inapplicable+=("$name") ;;
+      "selects no test") unselected+=("$name") ;;
+      "build failed") unbuildable+=("$name") ;;
+    esac
+    printf '[%2d/%d] %-15s %-40s %4d s\n' $((i + 1)) "$total" "$label" "$name" $((SECONDS - started))
+  done
+  # Leave the scratch build matching the tree again.
+  cmake --build "$build" -j "$jobs" >/dev/null 2>&1
+
+  echo
+  echo "killed ${#killed[@]} of $total"
+  echo "survived: ${survived[*]:-none}"
+  echo "does not apply: ${inapplicable[*]:-none}"
+  echo "selects no test: ${unselected[*]:-none}"
+  echo "build failed: ${unbuildable[*]:-none}"
+}
+
+main "$@"
+exit
