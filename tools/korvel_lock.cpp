@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,7 @@ constexpr int kStatusHeld = 1;   // --status: a live lock is held
 constexpr int kStatusStale = 2;  // --status: only stale files
 constexpr int kUsageError = 64;
 constexpr int kNoDirectory = 66;
+constexpr int kInternalError = 70;
 constexpr int kDefaultConflict = 75;
 constexpr int kLockLost = 76;
 constexpr int kNotWritable = 77;
@@ -624,16 +626,25 @@ int clean(const Options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Options o = parse(argc, argv);
-  switch (o.mode) {
-    case Mode::kStatus:
-      return showStatus(o);
-    case Mode::kClean:
-      blockSignals();
-      return clean(o);
-    case Mode::kRun:
-      break;
+  try {
+    const Options o = parse(argc, argv);
+    switch (o.mode) {
+      case Mode::kStatus:
+        return showStatus(o);
+      case Mode::kClean:
+        blockSignals();
+        return clean(o);
+      case Mode::kRun:
+        break;
+    }
+    blockSignals();
+    return lockAndRun(o);
+  } catch (const std::exception& e) {
+    // Out of memory or of threads: no string is built on the way out.
+    fprintf(stderr, "korvel-lock: %s\n", e.what());
+  } catch (...) {
+    fputs("korvel-lock: unexpected failure\n", stderr);
   }
-  blockSignals();
-  return lockAndRun(o);
+  fflush(nullptr);
+  _exit(kInternalError);
 }
