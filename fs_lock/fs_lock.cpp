@@ -591,8 +591,13 @@ class LeaseTimer {
   void watch(const std::shared_ptr<LockHolding>& holding) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!started_) started_ = startThread([this] { run(); }, "lease timer");
-    watched_.push_back(holding);
-    wake_.notify_one();
+    // A holding taken again and again is listed once.
+    const bool listed = !watched_.empty() && !watched_.back().owner_before(holding) &&
+                        !holding.owner_before(watched_.back());
+    if (!listed) watched_.push_back(holding);
+    // A busy timer checks again within a second, long before this lease
+    // can end: waking it would only cost each acquisition two futex calls.
+    if (idle_) wake_.notify_one();
   }
 
  private:
@@ -619,10 +624,12 @@ class LeaseTimer {
       lock.lock();
       watched_.insert(watched_.end(), still.begin(), still.end());
       if (next == 0.0) {
+        idle_ = true;
         wake_.wait(lock, [this] { return !watched_.empty(); });
+        idle_ = false;
       } else {
-        // Woken early by a new holding; a renewed lease moves its end later,
-        // which the next check finds. At least once a second: the wait runs
+        // A renewed lease moves its end later, which the next check finds.
+        // At least once a second: the wait runs
         // on a clock that stops while the system sleeps, the lease on one
         // that does not.
         const double wait = std::min(1.0, std::max(0.0, next - hostMonotonic()));
@@ -634,6 +641,7 @@ class LeaseTimer {
   std::mutex mutex_;
   std::condition_variable wake_;
   bool started_ = false;
+  bool idle_ = false;  // waiting with nothing to watch; guarded by mutex_
   std::vector<std::weak_ptr<LockHolding>> watched_;
 };
 

@@ -33,7 +33,7 @@ mkdir -p "$run/excl" "$run/rw" "$run/work"
 status=0
 pids=()
 for child in "$old_child" "$new_child" "$old_child" "$new_child"; do
-  "$child" count "$run/excl" "$rounds" & pids+=($!)
+  "$child" count "$run/excl" "$rounds" >/dev/null & pids+=($!)  # the new one lists its holds
 done
 for i in 0 1 2 3; do
   child=$([ $((i % 2)) -eq 0 ] && echo "$old_child" || echo "$new_child")
