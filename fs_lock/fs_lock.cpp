@@ -328,7 +328,7 @@ int korvel_detail::LockNumbers::next() {
 std::string freshNameBeside(const std::string& path) {
   const unsigned count = ++tempFileCounter;
   std::ostringstream name;
-  name << "." << static_cast<unsigned long>(hostRealtime() * 100000.0) << getpid() << count
+  name << "." << static_cast<unsigned long>(hostRealtime() * 100000.0) << hostProcessId() << count
        << reinterpret_cast<unsigned long>(&name);  // NOLINT: only a distinct number per thread
   const size_t slash = path.rfind('/');
   return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + name.str();
@@ -440,7 +440,7 @@ void LockHolding::hold(const std::string& file, int written, double start) {
     std::lock_guard<std::mutex> lock(mutex_);
     file_ = file;
     written_ = written;
-    owner_ = getpid();
+    owner_ = hostProcessId();
     held_ = true;
     lost_ = false;
     leaseEnd_ = start + korvel_protocol::kLeaseSeconds;
@@ -456,12 +456,12 @@ void LockHolding::drop() {
 
 bool LockHolding::held() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return held_ && owner_ == getpid();
+  return held_ && owner_ == hostProcessId();
 }
 
 bool LockHolding::heldElsewhere() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return held_ && owner_ != getpid();
+  return held_ && owner_ != hostProcessId();
 }
 
 std::string LockHolding::file() const {
@@ -477,7 +477,7 @@ int LockHolding::written() const {
 bool LockHolding::mayWrite() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (lost_ || !held_ || owner_ != getpid()) return false;
+    if (lost_ || !held_ || owner_ != hostProcessId()) return false;
     if (hostMonotonic() < leaseEnd_) return true;
   }
   lose("not refreshed for 14 s");

@@ -48,6 +48,9 @@ KORVEL_HOST_API void hostSleepMilliseconds(unsigned ms);
 // 32 unpredictable bits (getrandom(2)), for numbers that must differ
 // between processes and hosts.
 KORVEL_HOST_API unsigned hostRandom();
+// This process's id. The default asks the kernel once per process (and
+// again in a child made by fork()), not on every call.
+KORVEL_HOST_API pid_t hostProcessId();
 
 // Releases a block returned by a host operation (hostGetDirList). Accepts
 // null.

@@ -1,10 +1,13 @@
-// Default time and memory services.
+// Default time, process and memory services.
+#include <pthread.h>
 #include <sys/random.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <mutex>
 
 #include "host/defaults.h"
 #include "host/host.h"
@@ -15,6 +18,14 @@ double secondsOf(clockid_t clock) {
   struct timespec now;
   clock_gettime(clock, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// 0 until asked, and again in a child of fork(): the lock code asks on
+// every refresh and release, and getpid() is a system call.
+std::atomic<pid_t> cachedProcessId{0};
+
+void forgetProcessId() {
+  cachedProcessId.store(0, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -46,6 +57,17 @@ __attribute__((weak)) unsigned hostRandom() {
          static_cast<unsigned>(getpid());
 }
 
+pid_t hostDefaultProcessId() {
+  static std::once_flag registered;
+  std::call_once(registered, [] { pthread_atfork(nullptr, nullptr, forgetProcessId); });
+  pid_t pid = cachedProcessId.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    pid = getpid();
+    cachedProcessId.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
+
 __attribute__((weak)) void hostFree(void* block) {
   std::free(block);
 }
@@ -55,3 +77,4 @@ __attribute__((weak)) void hostFree(void* block) {
 KORVEL_WEAK_DEFAULT(hostRealtime, hostDefaultRealtime);
 KORVEL_WEAK_DEFAULT(hostMonotonic, hostDefaultMonotonic);
 KORVEL_WEAK_DEFAULT(hostSleepMilliseconds, hostDefaultSleepMilliseconds);
+KORVEL_WEAK_DEFAULT(hostProcessId, hostDefaultProcessId);

@@ -36,7 +36,7 @@ char* koGetLoadedModuleFullPath(char* output, const char* name, const char** sym
                                 unsigned long symbolCount) {
   koLoadedModuleNameChecker checker(name, output, symbols, symbols != nullptr ? symbolCount : 0);
   char mapsPath[64];
-  snprintf(mapsPath, sizeof mapsPath, "/proc/%d/maps", static_cast<int>(getpid()));
+  snprintf(mapsPath, sizeof mapsPath, "/proc/%d/maps", static_cast<int>(hostProcessId()));
   const koLoadedModuleListIterator end(mapsPath, koLoadedModuleListIterator::END, nullptr);
   for (koLoadedModuleListIterator module(mapsPath, 0, nullptr); module != end; ++module) {
     if (checker(*module)) break;
