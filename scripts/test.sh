@@ -15,20 +15,26 @@ tidy_dirs=(host paths threads ipc fs_lock tools include)
 
 jobs=$(nproc)
 
-echo "=== formatting ==="
+# Each stage's heading gives the seconds since the packages were in place.
+stage_start=$SECONDS
+stage() {
+  echo "=== $1 === ($((SECONDS - stage_start)) s since the start)"
+}
+
+stage formatting
 git ls-files -z '*.cpp' '*.h' '*.hpp' | xargs -0 clang-format --dry-run --Werror
 
 run() {
   local name=$1
   shift
-  echo "=== ${name} build ==="
+  stage "${name} build"
   cmake -S . -B "build/${name}" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
   cmake --build "build/${name}" -j "${jobs}"
   (cd "build/${name}" && ctest -j "${jobs}" --output-on-failure)
 }
 
 tidy() {
-  echo "=== clang-tidy ==="
+  stage clang-tidy
   local filter status=0
   filter="^$(pwd)/($(
     IFS='|'
@@ -47,10 +53,10 @@ export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 run normal
 tidy
-echo "=== interop with earlier lock code ==="
+stage "interop with earlier lock code"
 tests/interop/run.sh build/normal/tests/lock_child build/interop
 run asan -DKORVEL_SANITIZE=address -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF
 run tsan -DKORVEL_SANITIZE=thread -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF
-echo "=== multihost ==="
+stage multihost
 scripts/multihost.sh build/normal
-echo "all builds, the interop check and the multi-host stage passed"
+echo "all builds, the interop check and the multi-host stage passed in $((SECONDS - stage_start)) s"
