@@ -68,7 +68,7 @@ void rwUncontended(benchmark::State& state, Handle (koDirectoryReadWriteLock::*g
   koDirectoryReadWriteLock rw(dir.path);
   Handle handle = (rw.*get)();
   const bool noRefresh = state.range(0) == 0;
-  const unsigned long timeout = state.range(1) == 1 ? static_cast<unsigned long>(-1) : 10;
+  const unsigned long timeout = state.range(1) == 1 ? koForever : 10;
   for (auto _ : state) {
     handle.acquire(timeout, TimeUnit::sSeconds(), noRefresh);
     handle.release(timeout, TimeUnit::sSeconds());
@@ -103,8 +103,8 @@ void BM_HandoffFourProcesses(benchmark::State& state) {
       if (pid == 0) {
         koDirectoryExclusiveLock lock(dir.path, "bench");
         for (int i = 0; i < rounds; ++i) {
-          lock.acquire(static_cast<unsigned long>(-1), TimeUnit::sSeconds(), true);
-          lock.release(static_cast<unsigned long>(-1), TimeUnit::sSeconds());
+          lock.acquire(koForever, TimeUnit::sSeconds(), true);
+          lock.release(koForever, TimeUnit::sSeconds());
         }
         _exit(0);
       }

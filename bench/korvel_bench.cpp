@@ -41,8 +41,6 @@ namespace {
 
 using Zentha::System::TimeUnit;
 
-const unsigned long kForever = static_cast<unsigned long>(-1);
-
 double clockSeconds(clockid_t clock) {
   timespec ts;
   clock_gettime(clock, &ts);
@@ -259,7 +257,7 @@ int rwChild(const char* dir, const char* boardFile, int index) {
     const int64_t start = nowNs();
     if (start >= end) break;
     slot.waitStart = start;
-    lock.acquire(kForever, TimeUnit::sSeconds());
+    lock.acquire(koForever, TimeUnit::sSeconds());
     const int64_t acquired = nowNs();
     if (acquired > end) break;
     const int n = slot.count;
@@ -267,7 +265,7 @@ int rwChild(const char* dir, const char* boardFile, int index) {
     slot.count = n + 1;
     slot.waitStart = 0;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    lock.release(kForever, TimeUnit::sSeconds());
+    lock.release(koForever, TimeUnit::sSeconds());
   }
   for (;;) pause();
 }

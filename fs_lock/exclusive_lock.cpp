@@ -341,7 +341,7 @@ koDirectoryExclusiveLock::~koDirectoryExclusiveLock() {
         ScopedLock lock(processMutex_);
         if (acquireCount_ == 0) break;
       }
-      if (!release(kInfiniteTimeout, TimeUnit::sSeconds())) break;
+      if (!release(koForever, TimeUnit::sSeconds())) break;
     }
   } catch (...) {
     // A destructor must not throw: what could not be released goes stale.
@@ -474,12 +474,12 @@ bool koDirectoryExclusiveLock::tryLockFor(unsigned long ms) {
     threads_.unlock();
     throw;
   }
-  return unlockThreadsAnd(ms == kInfiniteTimeout ? "koDirectoryExclusiveLock::lock"
-                                                 : "koDirectoryExclusiveLock::try_lock");
+  return unlockThreadsAnd(ms == koForever ? "koDirectoryExclusiveLock::lock"
+                                          : "koDirectoryExclusiveLock::try_lock");
 }
 
 void koDirectoryExclusiveLock::lock() {
-  if (tryLockFor(kInfiniteTimeout)) return;
+  if (tryLockFor(koForever)) return;
   korvel_detail::lockFailed("koDirectoryExclusiveLock::lock");
 }
 
@@ -489,7 +489,7 @@ bool koDirectoryExclusiveLock::try_lock() {
 
 void koDirectoryExclusiveLock::unlock() {
   try {
-    release(kInfiniteTimeout, TimeUnit::sSeconds());
+    release(koForever, TimeUnit::sSeconds());
   } catch (const koNoSuchDirectory& e) {
     warningLog << "FS_LOCK: " << e.what() << std::endl;
   }

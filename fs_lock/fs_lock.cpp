@@ -244,7 +244,7 @@ bool directoryGone(const std::string& directory) {
 namespace korvel_detail {
 
 Deadline Deadline::after(unsigned long n, const Zentha::System::TimeUnit& unit) {
-  if (n == kInfiniteTimeout) return forever();
+  if (n == koForever) return forever();
   const double seconds = static_cast<double>(unit.toMillis(n)) / 1000.0;
   // toMillis wraps: a count whose milliseconds do not fit is forever too.
   if (unit.toSeconds(n) > unit.toMillis(n) / 1000 + 1) return forever();
@@ -270,7 +270,7 @@ double Deadline::remaining() const {
 }
 
 unsigned long Deadline::remainingMillis() const {
-  if (infinite_) return kInfiniteTimeout;
+  if (infinite_) return koForever;
   return static_cast<unsigned long>(std::ceil(remaining() * 1000.0));
 }
 

@@ -24,8 +24,6 @@
 #include "korvel/threads.h"
 #include "korvel/time_unit.h"
 
-constexpr unsigned long kInfiniteTimeout = static_cast<unsigned long>(-1);
-
 // ---- Diagnostics ----
 
 // A diagnostics channel: writes only when enabled. Every message ends with

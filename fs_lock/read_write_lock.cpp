@@ -583,7 +583,7 @@ bool acquireOrUnlock(koDirectoryReadWriteLock::AbstractLock& handle, unsigned lo
 // Releases a handle for a standard interface, which must not throw.
 void releaseQuietly(koDirectoryReadWriteLock::AbstractLock& handle) {
   try {
-    handle.release(kInfiniteTimeout, TimeUnit::sSeconds());
+    handle.release(koForever, TimeUnit::sSeconds());
   } catch (const koNoSuchDirectory& e) {
     warningLog << "FS_LOCK: " << e.what() << std::endl;
   }
@@ -595,12 +595,12 @@ bool koDirectoryReadWriteLock::tryLockFor(unsigned long ms) {
   const Deadline deadline = Deadline::after(ms, TimeUnit::sMilliseconds());
   if (!lockBy(*threads_, deadline)) return false;
   return acquireOrUnlock(*writer_, deadline.remainingMillis(), [this] { threads_->unlock(); }) ||
-         unlockThreadsAnd(false, ms == kInfiniteTimeout ? "koDirectoryReadWriteLock::lock"
-                                                        : "koDirectoryReadWriteLock::try_lock");
+         unlockThreadsAnd(false, ms == koForever ? "koDirectoryReadWriteLock::lock"
+                                                 : "koDirectoryReadWriteLock::try_lock");
 }
 
 void koDirectoryReadWriteLock::lock() {
-  if (tryLockFor(kInfiniteTimeout)) return;
+  if (tryLockFor(koForever)) return;
   korvel_detail::lockFailed("koDirectoryReadWriteLock::lock");
 }
 
@@ -620,13 +620,12 @@ bool koDirectoryReadWriteLock::tryLockSharedFor(unsigned long ms) {
   threads.release();  // held until unlock_shared
   return acquireOrUnlock(*reader_, deadline.remainingMillis(),
                          [this] { threads_->unlock_shared(); }) ||
-         unlockThreadsAnd(true, ms == kInfiniteTimeout
-                                    ? "koDirectoryReadWriteLock::lock_shared"
-                                    : "koDirectoryReadWriteLock::try_lock_shared");
+         unlockThreadsAnd(true, ms == koForever ? "koDirectoryReadWriteLock::lock_shared"
+                                                : "koDirectoryReadWriteLock::try_lock_shared");
 }
 
 void koDirectoryReadWriteLock::lock_shared() {
-  if (tryLockSharedFor(kInfiniteTimeout)) return;
+  if (tryLockSharedFor(koForever)) return;
   korvel_detail::lockFailed("koDirectoryReadWriteLock::lock_shared");
 }
 

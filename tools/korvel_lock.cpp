@@ -55,7 +55,6 @@ constexpr int kCannotExecute = 126;
 constexpr int kCommandNotFound = 127;
 constexpr int kSignalBase = 128;
 
-constexpr unsigned long kForever = static_cast<unsigned long>(-1);
 // A wait is cut into slices, so that a signal or the deadline is noticed
 // and the terminal line kept up to date.
 constexpr unsigned long kSliceMs = 250;
@@ -506,7 +505,7 @@ int lockAndRun(const Options& o) {
     line.clear();
     say(o, "took %s after %.1f s", line.what(), secondsSince(start));
     const int status = runCommand(o);
-    const bool released = lock.release(kForever, TimeUnit::sSeconds());
+    const bool released = lock.release(koForever, TimeUnit::sSeconds());
     say(o, released ? "released the lock" : "the lock was no longer ours to release");
     if (!lock.lost()) return status;
     fprintf(stderr, "korvel-lock: lost %s while the command ran%s\n", line.what(),
@@ -609,7 +608,7 @@ int clean(const Options& o) {
           remove(file, locked);
         }
       }
-      directoryLock.release(kForever, TimeUnit::sSeconds());
+      directoryLock.release(koForever, TimeUnit::sSeconds());
     } catch (const koNoSuchDirectory&) {
       fail(kNoDirectory, "cannot lock '" + o.directory + "': the directory has gone");
     }

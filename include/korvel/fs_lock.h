@@ -23,7 +23,7 @@
 // lock files, but may hang waiting for threads it does not have. Use the
 // locks after exec().
 //
-// Time-outs are a count with a unit; (unsigned long)-1, or a time-out too
+// Time-outs are a count with a unit; koForever, or a time-out too
 // large to fit, waits forever; 0 makes one attempt, which still breaks a
 // stale lock. Waits run on a monotonic clock; ages are judged by the file
 // server's clock.
@@ -202,7 +202,7 @@ class KORVEL_EXPORT koDirectoryExclusiveLock : private boost::noncopyable {
 //
 //   koDirectoryReadWriteLock rw("/shared/dir");
 //   koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
-//   if (reading.acquire((unsigned long)-1, TimeUnit::sSeconds())) { ...; reading.release(...); }
+//   if (reading.acquire(koForever, TimeUnit::sSeconds())) { ...; reading.release(...); }
 //
 // Handles are cheap to copy; copies share one acquisition count, and the
 // last copy of a held handle removes its lock file. Readers of a process

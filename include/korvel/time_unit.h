@@ -1,6 +1,6 @@
 // Zentha::System::TimeUnit: the host's unit of time. Every time-out of the
 // lock and loop interfaces is an unsigned long count with a TimeUnit;
-// (unsigned long)-1 means no limit.
+// koForever means no limit.
 #ifndef KORVEL_TIME_UNIT_H_
 #define KORVEL_TIME_UNIT_H_
 
@@ -26,5 +26,8 @@ class KORVEL_EXPORT TimeUnit {
 
 }  // namespace System
 }  // namespace Zentha
+
+// The time-out without a limit, in any unit: lock.acquire(koForever, ...).
+constexpr unsigned long koForever = static_cast<unsigned long>(-1);
 
 #endif  // KORVEL_TIME_UNIT_H_

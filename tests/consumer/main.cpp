@@ -16,10 +16,10 @@ int main(int argc, char** argv) {
 
   koDirectoryReadWriteLock rw(dir + "/locks");
   koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
-  if (!writing.acquire(static_cast<unsigned long>(-1), Zentha::System::TimeUnit::sSeconds())) {
+  if (!writing.acquire(koForever, Zentha::System::TimeUnit::sSeconds())) {
     return 4;
   }
-  if (!writing.release(static_cast<unsigned long>(-1), Zentha::System::TimeUnit::sSeconds())) {
+  if (!writing.release(koForever, Zentha::System::TimeUnit::sSeconds())) {
     return 5;
   }
 

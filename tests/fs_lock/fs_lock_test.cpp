@@ -29,7 +29,6 @@ using korvel_test::readFile;
 using korvel_test::TempDirTest;
 using korvel_test::WarningCapture;
 using Zentha::System::TimeUnit;
-const unsigned long kForever = static_cast<unsigned long>(-1);
 
 // Waits until the clock is early in a second, so that a file written now
 // gets the same whole-second time as time() reports.
@@ -99,10 +98,10 @@ TEST_F(FsLockTest, LockFilesKnowTheirOwner) {
 }
 
 TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
-  EXPECT_TRUE(Deadline::after(kForever, TimeUnit::sSeconds()).infinite());
+  EXPECT_TRUE(Deadline::after(koForever, TimeUnit::sSeconds()).infinite());
   EXPECT_TRUE(Deadline::after(LONG_MAX, TimeUnit::sMilliseconds()).infinite());
-  EXPECT_TRUE(Deadline::after(kForever - 1, TimeUnit::sMilliseconds()).infinite());
-  EXPECT_TRUE(Deadline::after(kForever / 10, TimeUnit::sSeconds()).infinite()) << "wraps in ms";
+  EXPECT_TRUE(Deadline::after(koForever - 1, TimeUnit::sMilliseconds()).infinite());
+  EXPECT_TRUE(Deadline::after(koForever / 10, TimeUnit::sSeconds()).infinite()) << "wraps in ms";
   const Deadline soon = Deadline::after(1500, TimeUnit::sMilliseconds());
   EXPECT_FALSE(soon.infinite());
   EXPECT_NEAR(soon.remaining(), 1.5, 0.2);
@@ -163,14 +162,14 @@ TEST_F(FsLockTest, ReentrantAcquireAndRelease) {
     EXPECT_FALSE(lock.release(0, TimeUnit::sSeconds())) << "release without acquire";
     ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), false));
     EXPECT_TRUE(koFileExists(level(0).c_str()));
-    ASSERT_TRUE(lock.acquire(kForever, TimeUnit::sSeconds(), false));
-    EXPECT_TRUE(lock.release(kForever, TimeUnit::sSeconds()));
+    ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
+    EXPECT_TRUE(lock.release(koForever, TimeUnit::sSeconds()));
     EXPECT_TRUE(koFileExists(level(0).c_str())) << "still held once";
     EXPECT_TRUE(lock.release(1, TimeUnit::sSeconds()));
     EXPECT_TRUE(entries(dir_.path()).empty());
     EXPECT_FALSE(lock.release(1, TimeUnit::sSeconds()));
-    ASSERT_TRUE(lock.acquire(kForever, TimeUnit::sSeconds(), false));
-    ASSERT_TRUE(lock.acquire(kForever, TimeUnit::sSeconds(), false));
+    ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
+    ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
   }
   EXPECT_TRUE(entries(dir_.path()).empty()) << "the destructor released both";
 }
@@ -178,7 +177,7 @@ TEST_F(FsLockTest, ReentrantAcquireAndRelease) {
 TEST_F(FsLockTest, BusyLockTimesOutAndLeavesNoQueueFile) {
   koDirectoryExclusiveLock holder(dir_.path(), "holder");
   koDirectoryExclusiveLock other(dir_.path(), "other");
-  ASSERT_TRUE(holder.acquire(kForever, TimeUnit::sSeconds(), false));
+  ASSERT_TRUE(holder.acquire(koForever, TimeUnit::sSeconds(), false));
   EXPECT_FALSE(other.acquire(0, TimeUnit::sSeconds(), true));
   EXPECT_EQ(errno, ETIMEDOUT);
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"});
@@ -197,7 +196,7 @@ TEST_F(FsLockTest, StaleHolderIsTakenOverEvenByASingleAttempt) {
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"})
       << "the queue file is cleaned up";
   EXPECT_NE(readFile(level(0)), "4242") << "level 0 holds the new holder's number";
-  EXPECT_TRUE(lock.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(lock.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(entries(dir_.path()).empty());
 }
 
@@ -215,7 +214,7 @@ TEST_F(FsLockTest, NothingHangsSilently) {
     // Nothing can be made in the directory: even a wait without end ends.
     korvel_test::failUnder(Fault::kCreate, dir_.path(), EACCES);
     koDirectoryExclusiveLock lock(dir_.path(), "t");
-    EXPECT_FALSE(lock.acquire(kForever, TimeUnit::sSeconds(), false));
+    EXPECT_FALSE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
     EXPECT_EQ(errno, EACCES);
     EXPECT_EQ(warnings.count("FS_LOCK: cannot create " + level(0) + ": " + errorText(EACCES)), 1);
     korvel_test::failUnder(Fault::kCreate, "");
@@ -223,7 +222,7 @@ TEST_F(FsLockTest, NothingHangsSilently) {
   {
     // A holder whose refreshes all fail keeps trying, with back-off.
     koDirectoryExclusiveLock lock(dir_.path(), "t");
-    ASSERT_TRUE(lock.acquire(kForever, TimeUnit::sSeconds(), false));
+    ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
     korvel_test::failUnder(Fault::kWrite, level(0));
     const int before = korvel_test::writesTo(level(0));
     EXPECT_TRUE(korvel_test::eventually(
@@ -250,7 +249,7 @@ TEST_F(FsLockTest, ALeaseRunsOutOnTheClockAlone) {
   EXPECT_TRUE(korvel_test::eventually([&] { return told == 1; }, 1.3));
   EXPECT_TRUE(lock.lost());
   EXPECT_FALSE(lock.acquire(0, TimeUnit::sSeconds(), true)) << "nested on a lost lock";
-  EXPECT_FALSE(lock.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(lock.release(koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, ENOLCK);
   EXPECT_TRUE(koFileExists(level(0).c_str()));
 }
@@ -300,19 +299,19 @@ TEST_F(FsLockTest, AForkedChildLeavesItsParentsLockAlone) {
             }),
             0);
   EXPECT_TRUE(koFileExists(level(0).c_str()));
-  EXPECT_TRUE(lock->release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(lock->release(koForever, TimeUnit::sSeconds()));
   delete lock;
 }
 
 TEST_F(FsLockTest, UnremovableQueueFileIsReported) {
   koDirectoryExclusiveLock holder(dir_.path(), "holder");
-  ASSERT_TRUE(holder.acquire(kForever, TimeUnit::sSeconds(), true));
+  ASSERT_TRUE(holder.acquire(koForever, TimeUnit::sSeconds(), true));
   WarningCapture warnings;
   korvel_test::failUnder(Fault::kRemove, level(1));
   koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
   EXPECT_FALSE(waiter.acquire(0, TimeUnit::sSeconds(), true));
   EXPECT_EQ(warnings.text(), "FS_LOCK: failed to remove " + level(1) + "(768)\n");
-  EXPECT_TRUE(holder.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(holder.release(koForever, TimeUnit::sSeconds()));
 }
 
 // ---- Real processes ----
@@ -385,8 +384,8 @@ TEST_F(LockProcessTest, HoldersLearnOfTheirLossAndLeaveTheNewHolderAlone) {
   }
   EXPECT_FALSE(exclusive->lost());
   EXPECT_FALSE(writing->lost());
-  EXPECT_TRUE(exclusive->release(kForever, TimeUnit::sSeconds()));
-  EXPECT_TRUE(writing->release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(exclusive->release(koForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(writing->release(koForever, TimeUnit::sSeconds()));
 }
 
 TEST_F(LockProcessTest, DiagnosticsFollowTheEnvironmentAtLoad) {

@@ -45,8 +45,6 @@ using Zentha::System::TimeUnit;
 
 namespace {
 
-const unsigned long kForever = static_cast<unsigned long>(-1);
-
 long long now() {
   timespec t;
   clock_gettime(CLOCK_MONOTONIC, &t);
@@ -114,8 +112,8 @@ struct AnyLock {
                 : handle->acquire(ms, TimeUnit::sMilliseconds());
   }
   bool release() {
-    return excl ? excl->release(kForever, TimeUnit::sSeconds())
-                : handle->release(kForever, TimeUnit::sSeconds());
+    return excl ? excl->release(koForever, TimeUnit::sSeconds())
+                : handle->release(koForever, TimeUnit::sSeconds());
   }
   void onLost(std::function<void()> f) { excl ? excl->onLost(f) : handle->onLost(f); }
 
@@ -129,14 +127,14 @@ int countLoop(const std::string& dir, int rounds) {
   const std::string inside = dir + "/inside";
   int overlaps = 0;
   for (int i = 0; i < rounds; ++i) {
-    if (!lock.acquire(kForever, TimeUnit::sSeconds(), false)) return 100;
+    if (!lock.acquire(koForever, TimeUnit::sSeconds(), false)) return 100;
     const long long start = now();
     const bool alone = createExclusive(inside);
     overlaps += !alone;
     addOne(dir + "/counter");
     if (alone) unlink(inside.c_str());
     say(interval("X", start));
-    if (!lock.release(kForever, TimeUnit::sSeconds())) return 101;
+    if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
   }
   return overlaps > 99 ? 99 : overlaps;
 }
@@ -156,7 +154,7 @@ int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned 
     writes += write;
     koDirectoryReadWriteLock::AbstractLock& lock =
         write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
-    if (!lock.acquire(kForever, TimeUnit::sSeconds())) return 100;
+    if (!lock.acquire(koForever, TimeUnit::sSeconds())) return 100;
     const long long start = now();
     const bool marked = createExclusive(write ? writer : reader);
     if (write) {
@@ -169,7 +167,7 @@ int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned 
     }
     if (marked) unlink((write ? writer : reader).c_str());
     say(interval(write ? "W" : "R", start));
-    if (!lock.release(kForever, TimeUnit::sSeconds())) return 101;
+    if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
   }
   say("writes " + std::to_string(writes) + " reads " + std::to_string(rounds - writes));
   return overlaps > 99 ? 99 : overlaps;
@@ -182,7 +180,7 @@ int hold(const std::string& dir, const std::string& kind) {
   pthread_sigmask(SIG_BLOCK, &terminate, nullptr);  // taken by sigwait below
   AnyLock lock(dir, kind);
   lock.onLost([] { say("lost " + std::to_string(now())); });
-  if (!lock.acquire(kForever)) return 1;
+  if (!lock.acquire(koForever)) return 1;
   say("held " + std::to_string(now()) + " " + std::to_string(time(nullptr)));
   int signal = 0;
   sigwait(&terminate, &signal);

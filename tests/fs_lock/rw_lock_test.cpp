@@ -31,7 +31,6 @@ using Zentha::System::TimeUnit;
 using ReadLock = koDirectoryReadWriteLock::ReadLock;
 using WriteLock = koDirectoryReadWriteLock::WriteLock;
 
-const unsigned long kForever = static_cast<unsigned long>(-1);
 const char kWriteLock[] = ".deploy_write_lock";
 const char kReadLockPrefix[] = ".deploy_read_lock.";
 
@@ -59,8 +58,8 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   koDirectoryReadWriteLock rw(dir_.path());
   ReadLock first = rw.getReadLock();
   ReadLock second = rw.getReadLock();
-  ASSERT_TRUE(first.acquire(kForever, TimeUnit::sSeconds()));
-  ASSERT_TRUE(second.acquire(kForever, TimeUnit::sSeconds(), true));
+  ASSERT_TRUE(first.acquire(koForever, TimeUnit::sSeconds()));
+  ASSERT_TRUE(second.acquire(koForever, TimeUnit::sSeconds(), true));
   const std::vector<std::string> files = readLockFiles();
   ASSERT_EQ(files.size(), 2u) << "one file per held read lock";
   for (const std::string& file : files) {
@@ -74,35 +73,35 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   EXPECT_GE(secondsSince(start), 0.25) << "kept polling until the deadline";
   // A writer of this process that waits does not hold up the readers'
   // releases, on other threads.
-  std::thread waiter([&] { EXPECT_TRUE(writing.acquire(kForever, TimeUnit::sSeconds())); });
+  std::thread waiter([&] { EXPECT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds())); });
   usleep(200000);
-  EXPECT_TRUE(first.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(first.release(koForever, TimeUnit::sSeconds()));
   EXPECT_FALSE(loopRunning(rw)) << "only a file without refresh is left";
-  EXPECT_TRUE(second.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(second.release(koForever, TimeUnit::sSeconds()));
   waiter.join();
-  EXPECT_TRUE(writing.release(kForever, TimeUnit::sSeconds()));
-  ASSERT_TRUE(second.acquire(kForever, TimeUnit::sSeconds(), true));
-  EXPECT_TRUE(second.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(writing.release(koForever, TimeUnit::sSeconds()));
+  ASSERT_TRUE(second.acquire(koForever, TimeUnit::sSeconds(), true));
+  EXPECT_TRUE(second.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(entries(dir_.path()).empty()) << "no lock file and no directory-lock file left";
 
   // Copies share one count; nested acquisitions need as many releases.
   WriteLock copy = writing;
-  EXPECT_FALSE(copy.release(kForever, TimeUnit::sSeconds())) << "nothing to release";
-  ASSERT_TRUE(writing.acquire(kForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(copy.release(koForever, TimeUnit::sSeconds())) << "nothing to release";
+  ASSERT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(copy.isAcquired());
   ASSERT_TRUE(copy.acquire(0, TimeUnit::sSeconds())) << "nested: no file work, no waiting";
   EXPECT_FALSE(first.acquire(300, TimeUnit::sMilliseconds()));
   EXPECT_FALSE(rw.getWriteLock().acquire(300, TimeUnit::sMilliseconds()))
       << "one write lock per directory and process, whatever the handle";
-  EXPECT_TRUE(writing.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(writing.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(writeLockFileExists()) << "one acquisition is still counted";
-  EXPECT_TRUE(copy.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(copy.release(koForever, TimeUnit::sSeconds()));
   EXPECT_FALSE(writeLockFileExists());
 
   // The last copy of a held handle frees its file.
   {
     ReadLock reading = rw.getReadLock();
-    ASSERT_TRUE(reading.acquire(kForever, TimeUnit::sSeconds()));
+    ASSERT_TRUE(reading.acquire(koForever, TimeUnit::sSeconds()));
     ReadLock other = reading;
   }
   EXPECT_TRUE(entries(dir_.path()).empty());
@@ -112,8 +111,8 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
 TEST_F(RwLockTest, DowngradeHandsOverWithoutAGap) {
   koDirectoryReadWriteLock rw(dir_.path());
   WriteLock writing = rw.getWriteLock();
-  ASSERT_TRUE(writing.acquire(kForever, TimeUnit::sSeconds()));
-  ASSERT_TRUE(writing.acquire(kForever, TimeUnit::sSeconds()));
+  ASSERT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds()));
+  ASSERT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds()));
 
   // When the write-lock file goes, a read-lock file must already be there.
   const std::string writeLockPath = at(kWriteLock);
@@ -124,7 +123,7 @@ TEST_F(RwLockTest, DowngradeHandsOverWithoutAGap) {
     ++writeLockRemovals;
     readLockPresent = !readLockFiles().empty();
   });
-  ReadLock reading = writing.downgrade(kForever, TimeUnit::sSeconds());
+  ReadLock reading = writing.downgrade(koForever, TimeUnit::sSeconds());
   korvel_test::observeRemoves(nullptr);
   EXPECT_EQ(writeLockRemovals, 1);
   EXPECT_TRUE(readLockPresent);
@@ -132,12 +131,12 @@ TEST_F(RwLockTest, DowngradeHandsOverWithoutAGap) {
   EXPECT_FALSE(writeLockFileExists());
   EXPECT_EQ(readLockFiles().size(), 1u);
   EXPECT_TRUE(loopRunning(rw)) << "the read lock is refreshed as the write lock was";
-  EXPECT_TRUE(reading.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(reading.release(koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(readLockFiles().size(), 1u) << "acquired twice as a writer, so held twice";
-  EXPECT_TRUE(reading.release(kForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(reading.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(entries(dir_.path()).empty());
   EXPECT_FALSE(loopRunning(rw));
-  EXPECT_FALSE(writing.downgrade(kForever, TimeUnit::sSeconds()).isAcquired())
+  EXPECT_FALSE(writing.downgrade(koForever, TimeUnit::sSeconds()).isAcquired())
       << "a handle that is not held downgrades to nothing";
 }
 
@@ -146,16 +145,16 @@ TEST_F(RwLockTest, DowngradeHandsOverWithoutAGap) {
 TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
   for (const char* name : {"x", "w", "r"}) ASSERT_EQ(mkdir(at(name).c_str(), 0755), 0);
   koDirectoryExclusiveLock exclusive(at("x"), "x");
-  ASSERT_TRUE(exclusive.acquire(kForever, TimeUnit::sSeconds(), false));
+  ASSERT_TRUE(exclusive.acquire(koForever, TimeUnit::sSeconds(), false));
   koDirectoryReadWriteLock w(at("w"));
   WriteLock writing = w.getWriteLock();
-  ASSERT_TRUE(writing.acquire(kForever, TimeUnit::sSeconds()));
+  ASSERT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds()));
   koDirectoryReadWriteLock r(at("r"));
   ReadLock quiet = r.getReadLock();
-  ASSERT_TRUE(quiet.acquire(kForever, TimeUnit::sSeconds(), true));
+  ASSERT_TRUE(quiet.acquire(koForever, TimeUnit::sSeconds(), true));
   const std::string quietFile = at("r/") + readLockFiles(at("r"))[0];
   ReadLock reading = r.getReadLock();
-  ASSERT_TRUE(reading.acquire(kForever, TimeUnit::sSeconds()));
+  ASSERT_TRUE(reading.acquire(koForever, TimeUnit::sSeconds()));
   std::string readFileName;
   for (const std::string& name : readLockFiles(at("r"))) {
     if (at("r/") + name != quietFile) readFileName = at("r/") + name;
@@ -167,7 +166,7 @@ TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
   koDirectoryExclusiveLock overtaken(at("t"), "old");
   std::atomic<int> told{0};
   overtaken.onLost([&] { ++told; });
-  ASSERT_TRUE(overtaken.acquire(kForever, TimeUnit::sSeconds(), false));
+  ASSERT_TRUE(overtaken.acquire(koForever, TimeUnit::sSeconds(), false));
   ASSERT_TRUE(korvel_test::setMtime(at("t/.deploy_lock.0"), time(nullptr) - 30));
   koDirectoryExclusiveLock taker(at("t"), "new");
   ASSERT_TRUE(taker.acquire(0, TimeUnit::sSeconds(), true));
@@ -184,13 +183,13 @@ TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
   EXPECT_EQ(readFile(quietFile), quietBefore) << "a lock taken without refresh was rewritten";
   EXPECT_TRUE(korvel_test::eventually([&] { return told == 1; }, 2));
   EXPECT_TRUE(overtaken.lost());
-  EXPECT_FALSE(overtaken.release(kForever, TimeUnit::sSeconds()));
-  EXPECT_TRUE(taker.release(kForever, TimeUnit::sSeconds())) << "its file was left alone";
+  EXPECT_FALSE(overtaken.release(koForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(taker.release(koForever, TimeUnit::sSeconds())) << "its file was left alone";
   EXPECT_EQ(told, 1);
 
   // With nothing left to refresh, the loop stops: no more directory locks.
-  ReadLock downgraded = writing.downgrade(kForever, TimeUnit::sSeconds());
-  EXPECT_TRUE(downgraded.release(kForever, TimeUnit::sSeconds()));
+  ReadLock downgraded = writing.downgrade(koForever, TimeUnit::sSeconds());
+  EXPECT_TRUE(downgraded.release(koForever, TimeUnit::sSeconds()));
   EXPECT_FALSE(loopRunning(w));
   int dirLocks = 0;
   korvel_test::observeOpens([&](const char* path, int flags) {
@@ -206,7 +205,7 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   {
     koDirectoryReadWriteLock rw(missing);
     try {
-      rw.getReadLock().acquire(kForever, TimeUnit::sSeconds());
+      rw.getReadLock().acquire(koForever, TimeUnit::sSeconds());
       ADD_FAILURE() << "no exception";
     } catch (const koNoSuchDirectory& e) {
       EXPECT_STREQ(e.what(),
@@ -222,16 +221,16 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   koDirectoryReadWriteLock tooLong(deep);
   WarningCapture warnings;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(tooLong.getWriteLock().acquire(kForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(tooLong.getWriteLock().acquire(koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, ENAMETOOLONG);
   EXPECT_LT(secondsSince(start), 1.0);
   korvel_test::failUnder(Fault::kList, at(""), EACCES);
   koDirectoryReadWriteLock unlistable(dir_.path());
-  EXPECT_FALSE(unlistable.getWriteLock().acquire(kForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(unlistable.getWriteLock().acquire(koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EACCES);
   // Nor does a reader enter when the write lock's file cannot be looked at.
   korvel_test::failUnder(Fault::kStat, at(kWriteLock), EIO);
-  EXPECT_FALSE(unlistable.getReadLock().acquire(kForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(unlistable.getReadLock().acquire(koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(warnings.count("FS_LOCK: cannot"), 3) << warnings.text();
 
@@ -240,9 +239,9 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   ASSERT_EQ(mkdir(missing.c_str(), 0755), 0);
   koDirectoryReadWriteLock rw(missing);
   WriteLock writing = rw.getWriteLock();
-  ASSERT_TRUE(writing.acquire(kForever, TimeUnit::sSeconds()));
+  ASSERT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds()));
   korvel_test::removeTree(missing);
-  EXPECT_THROW(writing.release(kForever, TimeUnit::sSeconds()), koNoSuchDirectory);
+  EXPECT_THROW(writing.release(koForever, TimeUnit::sSeconds()), koNoSuchDirectory);
   EXPECT_FALSE(loopRunning(rw));
 }
 
@@ -267,10 +266,10 @@ TEST_F(RwLockTest, UnremovableLockFileIsReportedAndLeftToGoStale) {
   const char* callSites[] = {"(1570)\n", "(1523)\n"};
   for (int i = 0; i < 2; ++i) {
     WarningCapture warnings;
-    ASSERT_TRUE(locks[i]->acquire(kForever, TimeUnit::sSeconds()));
+    ASSERT_TRUE(locks[i]->acquire(koForever, TimeUnit::sSeconds()));
     const std::string file = at(*entries(dir_.path()).begin());
     korvel_test::failUnder(Fault::kRemove, file);
-    EXPECT_TRUE(locks[i]->release(kForever, TimeUnit::sSeconds()));
+    EXPECT_TRUE(locks[i]->release(koForever, TimeUnit::sSeconds()));
     EXPECT_EQ(warnings.text(), "FS_LOCK: failed to remove " + file + callSites[i]);
     EXPECT_TRUE(koFileExists(file.c_str()));
     EXPECT_FALSE(locks[i]->isAcquired());
