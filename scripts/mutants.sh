@@ -54,7 +54,7 @@ unlistable_directory_lets_writers_in | fs_lock/read_write_lock.cpp | return Entr
 unknown_write_lock_lets_readers_in | fs_lock/read_write_lock.cpp | return errno == ENOENT ? 0 : -1; | return 0; | RwLockTest\.Missing
 refusal_retried_forever | fs_lock/fs_lock.cpp | if (!isRefusal(error)) { | if (true) { | FsLockTest\.NothingHangs
 deadline_does_not_saturate | fs_lock/fs_lock.cpp | if (!(seconds < 100.0 * 365 * 86400)) return forever(); | | FsLockTest\.TimeOuts
-forked_child_removes_parents_file | fs_lock/exclusive_lock.cpp | if (holding_->heldElsewhere()) {\n    // A forked child | if (false) {\n    // A forked child | FsLockTest\.AForked
+forked_child_removes_parents_file | fs_lock/exclusive_lock.cpp | if (holding_->heldElsewhere()) {\n      // A forked child | if (false) {\n      // A forked child | FsLockTest\.AForked
 
 # ---- korvel-lock ----
 tool_timeout_status | tools/korvel_lock.cpp | constexpr int kDefaultConflict = 75; | constexpr int kDefaultConflict = 1; | @tool
