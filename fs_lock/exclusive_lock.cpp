@@ -466,21 +466,15 @@ bool koDirectoryExclusiveLock::tryAtOnce() {
 // exception it is let go again. unlock() must not throw.
 
 bool koDirectoryExclusiveLock::tryLockFor(unsigned long ms) {
-  const Deadline deadline = Deadline::after(ms, TimeUnit::sMilliseconds());
-  if (!lockBy(threads_, deadline)) return false;
-  try {
-    if (acquire(deadline.remainingMillis(), TimeUnit::sMilliseconds(), false)) return true;
-  } catch (...) {
-    threads_.unlock();
-    throw;
-  }
-  return unlockThreadsAnd(ms == koForever ? "koDirectoryExclusiveLock::lock"
-                                          : "koDirectoryExclusiveLock::try_lock");
+  return standardTryLock(
+      ScopedLock(threads_, boost::defer_lock), ms,
+      [this](unsigned long left) { return acquire(left, TimeUnit::sMilliseconds(), false); },
+      ms == koForever ? "koDirectoryExclusiveLock::lock" : "koDirectoryExclusiveLock::try_lock");
 }
 
 void koDirectoryExclusiveLock::lock() {
   if (tryLockFor(koForever)) return;
-  korvel_detail::lockFailed("koDirectoryExclusiveLock::lock");
+  lockFailed("koDirectoryExclusiveLock::lock");
 }
 
 bool koDirectoryExclusiveLock::try_lock() {
@@ -488,19 +482,8 @@ bool koDirectoryExclusiveLock::try_lock() {
 }
 
 void koDirectoryExclusiveLock::unlock() {
-  try {
-    release(koForever, TimeUnit::sSeconds());
-  } catch (const koNoSuchDirectory& e) {
-    warningLog << "FS_LOCK: " << e.what() << std::endl;
-  }
+  releaseQuietly([this] { release(koForever, TimeUnit::sSeconds()); });
   threads_.unlock();
-}
-
-bool koDirectoryExclusiveLock::unlockThreadsAnd(const char* what) {
-  const int error = errno;
-  threads_.unlock();
-  errno = error;
-  return korvel_detail::timedOutOrThrow(what);
 }
 
 std::string koDirectoryExclusiveLock::levelFile(int level) const {

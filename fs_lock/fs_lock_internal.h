@@ -16,10 +16,12 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "fs_lock/protocol.h"
+#include "korvel/fs_lock.h"
 #include "korvel/paths.h"
 #include "korvel/threads.h"
 #include "korvel/time_unit.h"
@@ -117,6 +119,43 @@ bool lockBy(Lock& lock, const Deadline& deadline) {
   }
   return lock.try_lock() ||
          lock.try_lock_for(boost::chrono::milliseconds(deadline.remainingMillis()));
+}
+
+// ---- The standard lock interfaces ----
+
+// The timed call behind lock, try_lock and try_lock_for: takes threads (a
+// deferred boost lock on the object's threads' lock) by the deadline, then
+// acquire(the milliseconds left). On success the threads' lock stays taken
+// until unlock; on false or an exception it is let go. False only for a
+// time-out; any other failure throws std::system_error named what.
+template <class ThreadsLock, class Acquire>
+bool standardTryLock(ThreadsLock threads, unsigned long ms, Acquire acquire, const char* what) {
+  const Deadline deadline = Deadline::after(ms, Zentha::System::TimeUnit::sMilliseconds());
+  if (!lockBy(threads, deadline)) return false;
+  if (acquire(deadline.remainingMillis())) {
+    threads.release();
+    return true;
+  }
+  const int error = errno;
+  threads.unlock();
+  if (error == ETIMEDOUT || error == 0) return false;
+  throw std::system_error(error, std::generic_category(), what);
+}
+
+// A lock() that could not lock: never a time-out.
+[[noreturn]] inline void lockFailed(const char* what) {
+  const int error = errno;
+  throw std::system_error(error != 0 ? error : EDEADLK, std::generic_category(), what);
+}
+
+// The standard unlock must not throw: a directory gone meanwhile is told.
+template <class Release>
+void releaseQuietly(Release release) {
+  try {
+    release();
+  } catch (const koNoSuchDirectory& e) {
+    warningLog << "FS_LOCK: " << e.what() << std::endl;
+  }
 }
 
 // ---- Lock-file primitives ----

@@ -553,55 +553,16 @@ koDirectoryReadWriteLock::ReadLock koDirectoryReadWriteLock::WriteLock::downgrad
 
 // ---- The standard interfaces of the front object ----
 
-bool koDirectoryReadWriteLock::unlockThreadsAnd(bool shared, const char* what) {
-  const int error = errno;
-  if (shared) {
-    threads_->unlock_shared();
-  } else {
-    threads_->unlock();
-  }
-  errno = error;
-  return korvel_detail::timedOutOrThrow(what);
-}
-
-namespace {
-
-// Takes a handle for a standard interface, with its thread lock already
-// taken: on a false result or an exception the thread lock is let go again.
-template <class Unlock>
-bool acquireOrUnlock(koDirectoryReadWriteLock::AbstractLock& handle, unsigned long n,
-                     Unlock unlock) {
-  try {
-    if (handle.acquire(n, TimeUnit::sMilliseconds())) return true;
-  } catch (...) {
-    unlock();
-    throw;
-  }
-  return false;
-}
-
-// Releases a handle for a standard interface, which must not throw.
-void releaseQuietly(koDirectoryReadWriteLock::AbstractLock& handle) {
-  try {
-    handle.release(koForever, TimeUnit::sSeconds());
-  } catch (const koNoSuchDirectory& e) {
-    warningLog << "FS_LOCK: " << e.what() << std::endl;
-  }
-}
-
-}  // namespace
-
 bool koDirectoryReadWriteLock::tryLockFor(unsigned long ms) {
-  const Deadline deadline = Deadline::after(ms, TimeUnit::sMilliseconds());
-  if (!lockBy(*threads_, deadline)) return false;
-  return acquireOrUnlock(*writer_, deadline.remainingMillis(), [this] { threads_->unlock(); }) ||
-         unlockThreadsAnd(false, ms == koForever ? "koDirectoryReadWriteLock::lock"
-                                                 : "koDirectoryReadWriteLock::try_lock");
+  return standardTryLock(
+      boost::unique_lock<boost::shared_mutex>(*threads_, boost::defer_lock), ms,
+      [this](unsigned long left) { return writer_->acquire(left, TimeUnit::sMilliseconds()); },
+      ms == koForever ? "koDirectoryReadWriteLock::lock" : "koDirectoryReadWriteLock::try_lock");
 }
 
 void koDirectoryReadWriteLock::lock() {
   if (tryLockFor(koForever)) return;
-  korvel_detail::lockFailed("koDirectoryReadWriteLock::lock");
+  lockFailed("koDirectoryReadWriteLock::lock");
 }
 
 bool koDirectoryReadWriteLock::try_lock() {
@@ -609,24 +570,21 @@ bool koDirectoryReadWriteLock::try_lock() {
 }
 
 void koDirectoryReadWriteLock::unlock() {
-  releaseQuietly(*writer_);
+  releaseQuietly([this] { writer_->release(koForever, TimeUnit::sSeconds()); });
   threads_->unlock();
 }
 
 bool koDirectoryReadWriteLock::tryLockSharedFor(unsigned long ms) {
-  const Deadline deadline = Deadline::after(ms, TimeUnit::sMilliseconds());
-  boost::shared_lock<boost::shared_mutex> threads(*threads_, boost::defer_lock);
-  if (!lockBy(threads, deadline)) return false;
-  threads.release();  // held until unlock_shared
-  return acquireOrUnlock(*reader_, deadline.remainingMillis(),
-                         [this] { threads_->unlock_shared(); }) ||
-         unlockThreadsAnd(true, ms == koForever ? "koDirectoryReadWriteLock::lock_shared"
-                                                : "koDirectoryReadWriteLock::try_lock_shared");
+  return standardTryLock(
+      boost::shared_lock<boost::shared_mutex>(*threads_, boost::defer_lock), ms,
+      [this](unsigned long left) { return reader_->acquire(left, TimeUnit::sMilliseconds()); },
+      ms == koForever ? "koDirectoryReadWriteLock::lock_shared"
+                      : "koDirectoryReadWriteLock::try_lock_shared");
 }
 
 void koDirectoryReadWriteLock::lock_shared() {
   if (tryLockSharedFor(koForever)) return;
-  korvel_detail::lockFailed("koDirectoryReadWriteLock::lock_shared");
+  lockFailed("koDirectoryReadWriteLock::lock_shared");
 }
 
 bool koDirectoryReadWriteLock::try_lock_shared() {
@@ -634,6 +592,6 @@ bool koDirectoryReadWriteLock::try_lock_shared() {
 }
 
 void koDirectoryReadWriteLock::unlock_shared() {
-  releaseQuietly(*reader_);
+  releaseQuietly([this] { reader_->release(koForever, TimeUnit::sSeconds()); });
   threads_->unlock_shared();
 }

@@ -10,8 +10,8 @@
 // the executable's. The same seam lets tests inject faults (a skewed clock,
 // a failing write, a fast poll) by linking their own definitions.
 //
-// The clock, sleep and file operations also have their default under a
-// second, strong name (hostDefault...), so that a host or a test that
+// The clock, sleep, process id and file operations also have their default
+// under a second, strong name (hostDefault...), so that a host or a test that
 // wraps one of them can call through to what the library would have done.
 //
 // All operations may be called from any thread.
@@ -200,6 +200,7 @@ KORVEL_HOST_API int hostSemGetValue(sem_t* semaphore, int* value);
 KORVEL_HOST_API double hostDefaultRealtime();
 KORVEL_HOST_API double hostDefaultMonotonic();
 KORVEL_HOST_API void hostDefaultSleepMilliseconds(unsigned ms);
+KORVEL_HOST_API pid_t hostDefaultProcessId();
 KORVEL_HOST_API char* hostDefaultGetDirList(const char* pathPattern, int flags);
 KORVEL_HOST_API int hostDefaultRemoveFile(const char* path);
 KORVEL_HOST_API int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode);

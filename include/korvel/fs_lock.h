@@ -84,20 +84,6 @@ unsigned long lockMillis(const std::chrono::duration<Rep, Period>& d) {
   const auto ms = std::chrono::ceil<std::chrono::milliseconds>(d).count();
   return static_cast<unsigned long>(ms);
 }
-
-// What the standard interfaces do with a false result: a time-out is
-// false, anything else a std::system_error.
-inline bool timedOutOrThrow(const char* what) {
-  const int error = errno;
-  if (error == ETIMEDOUT || error == 0) return false;
-  throw std::system_error(error, std::generic_category(), what);
-}
-
-// A lock() that could not lock: never a time-out.
-[[noreturn]] inline void lockFailed(const char* what) {
-  const int error = errno;
-  throw std::system_error(error != 0 ? error : EDEADLK, std::generic_category(), what);
-}
 }  // namespace korvel_detail
 
 // Mutual exclusion on a directory between processes and hosts. The holder
@@ -171,9 +157,6 @@ class KORVEL_EXPORT koDirectoryExclusiveLock : private boost::noncopyable {
   // Takes level 0 if it is free, at once: no queue, no stale test.
   bool tryAtOnce();
   std::string levelFile(int level) const;
-  // Lets the other threads in again after a failed standard lock call;
-  // false for a time-out, else throws.
-  bool unlockThreadsAnd(const char* what);
   // The standard timed calls: the threads' lock, then the lock.
   bool tryLockFor(unsigned long ms);
 
@@ -247,9 +230,6 @@ class KORVEL_EXPORT koDirectoryReadWriteLock {
   void unlock_shared();
 
  private:
-  // After a failed standard lock call: lets the other threads in again;
-  // false for a time-out, else throws.
-  bool unlockThreadsAnd(bool shared, const char* what);
   // The standard timed calls: the threads' lock, then the handle.
   bool tryLockFor(unsigned long ms);
   bool tryLockSharedFor(unsigned long ms);
