@@ -173,6 +173,20 @@ takeover() {
   echo "$delay $refreshes$fail"
 }
 
+# The end of a takeover: the new holder (log NAME.taker) releases and the
+# watcher stops. releaseTaken NAME TAKER_PID WATCHER_PID DIR prints the lock
+# files left in DIR, then what failed.
+releaseTaken() {
+  local name=$1 taker=$2 watcher=$3 d=$4 fail="" left
+  kill -TERM "$taker"
+  waitLine "$logs/$name.taker" released 10
+  kill "$watcher"
+  grep -q '^released 1' "$logs/$name.taker" || fail+=" the new holder's release failed"
+  left=$(lockFiles "$d")
+  [ "$left" -eq 0 ] || fail+=" lock files left"
+  echo "$left$fail"
+}
+
 # 3. Stale takeover across hosts, through the library.
 staleLibrary() {
   local d=$shared/stale-lib
@@ -183,14 +197,10 @@ staleLibrary() {
   local holder=$started
   waitLine "$logs/stale-lib.holder" held 10 || { verdict "3 stale takeover (library)" "-" " no first hold"; return 1; }
   spawn "$logs/stale-lib.taker" b "$worker" hold "$d" excl
-  local taker=$started delay refreshes fail left
+  local taker=$started delay refreshes fail left more
   read -r delay refreshes fail < <(takeover stale-lib "$holder" "$logs/stale-lib.holder" "$logs/stale-lib.taker" 7)
-  kill -TERM "$taker"
-  waitLine "$logs/stale-lib.taker" released 10
-  kill "$watcher"
-  grep -q '^released 1' "$logs/stale-lib.taker" || fail+=" the new holder's release failed"
-  left=$(lockFiles "$d")
-  [ "$left" -eq 0 ] || fail+=" lock files left"
+  read -r left more < <(releaseTaken stale-lib "$taker" "$watcher" "$d")
+  fail+="${more:+ $more}"
   verdict "3 stale takeover, library, killed on a, waiter on b" \
     "refreshes seen: $refreshes; killed, taken over $delay s after the last refresh; $left lock files left" "$fail"
 }
@@ -233,17 +243,13 @@ skew() {
   local offsetA
   offsetA=$(($(word "$logs/$name.holder" held 3) - $(date +%s)))
   spawn "$logs/$name.taker" "$hostB" "${skewed[@]}" FAKETIME="$skewB" "$worker" hold "$d" excl
-  local taker=$started delay refreshes fail offsetB left
+  local taker=$started delay refreshes fail offsetB left more
   read -r delay refreshes fail < <(takeover "$name" "$holder" "$logs/$name.holder" "$logs/$name.taker" 62)
   offsetB=$(($(word "$logs/$name.taker" held 3) - $(date +%s)))
-  kill -TERM "$taker"
-  waitLine "$logs/$name.taker" released 10
-  kill "$watcher"
   within "$offsetA" $((${skewA%h} * 3600 - 5)) $((${skewA%h} * 3600 + 5)) || fail+=" holder not skewed"
   within "$offsetB" $((${skewB%h} * 3600 - 5)) $((${skewB%h} * 3600 + 5)) || fail+=" waiter not skewed"
-  grep -q '^released 1' "$logs/$name.taker" || fail+=" the new holder's release failed"
-  left=$(lockFiles "$d")
-  [ "$left" -eq 0 ] || fail+=" lock files left"
+  read -r left more < <(releaseTaken "$name" "$taker" "$watcher" "$d")
+  fail+="${more:+ $more}"
   verdict "4 skew, holder on $hostA at ${offsetA} s, waiter on $hostB at ${offsetB} s" \
     "live holder kept the lock 62 s (refreshes seen: $refreshes); killed, taken over $delay s after its last refresh; $left lock files left" "$fail"
 }
