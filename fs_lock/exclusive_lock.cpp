@@ -43,7 +43,7 @@ class koDirectoryExclusiveLock::RefreshLoop {
   explicit RefreshLoop(koDirectoryExclusiveLock* owner) : owner_(owner) {}
 
   void operator()(koSynchronizedLoopContext& context) const {
-    if (context.waitFor(kRefreshPeriodMs, TimeUnit::sMilliseconds())) return;  // stopping
+    if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping
     verboseLog << "Touching lock file..." << std::endl;
     Holdings failed = refreshOnce({owner_->holding_}, *owner_->numbers_);
     if (failed.empty()) verboseLog << "Lock successfully refreshed" << std::endl;

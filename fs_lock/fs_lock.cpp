@@ -633,7 +633,7 @@ class LeaseTimer {
         // on a clock that stops while the system sleeps, the lease on one
         // that does not.
         const double wait = std::min(1.0, std::max(0.0, next - hostMonotonic()));
-        wake_.wait_for(lock, std::chrono::duration<double>(wait + 0.001));
+        wake_.wait_for(lock, std::chrono::duration<double>(hostRealSeconds(wait + 0.001)));
       }
     }
   }
@@ -736,7 +736,6 @@ Holdings refreshOnce(const Holdings& holdings, LockNumbers& numbers) {
 }
 
 void retryRefresh(Holdings failed, LockNumbers& numbers, koSynchronizedLoopContext& context) {
-  using Zentha::System::TimeUnit;
   const Deadline giveUp = Deadline::afterSeconds(2.5);
   unsigned backOff = 10;
   while (!failed.empty()) {
@@ -744,7 +743,7 @@ void retryRefresh(Holdings failed, LockNumbers& numbers, koSynchronizedLoopConte
       warningLog << "Failed to refresh lock!" << std::endl;
       return;
     }
-    if (context.waitFor(backOff, TimeUnit::sMilliseconds())) return;  // stopping
+    if (LoopWait::waitFor(context, backOff / 1000.0)) return;  // stopping
     backOff = std::min(2 * backOff, 500u);
     failed = refreshOnce(failed, numbers);
   }

@@ -21,10 +21,12 @@
 #include <vector>
 
 #include "fs_lock/protocol.h"
+#include "host/host.h"
 #include "korvel/fs_lock.h"
 #include "korvel/paths.h"
 #include "korvel/threads.h"
 #include "korvel/time_unit.h"
+#include "threads/loop_wait.h"
 
 // ---- Diagnostics ----
 
@@ -105,6 +107,7 @@ class Deadline {
 }  // namespace korvel_detail
 
 using korvel_detail::Deadline;
+using korvel_detail::LoopWait;
 
 // Sleeps for ms, but not past the deadline.
 void sleepWithin(unsigned ms, const Deadline& deadline);
@@ -118,7 +121,7 @@ bool lockBy(Lock& lock, const Deadline& deadline) {
     return true;
   }
   return lock.try_lock() ||
-         lock.try_lock_for(boost::chrono::milliseconds(deadline.remainingMillis()));
+         lock.try_lock_for(boost::chrono::duration<double>(hostRealSeconds(deadline.remaining())));
 }
 
 // ---- The standard lock interfaces ----

@@ -133,7 +133,7 @@ class koDirectoryReadWriteLock::Impl::RefreshLoop {
   explicit RefreshLoop(Impl* owner) : owner_(owner) {}
 
   void operator()(koSynchronizedLoopContext& context) const {
-    if (context.waitFor(kRefreshPeriodMs, TimeUnit::sMilliseconds())) return;  // stopping
+    if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping
     const Holdings holdings = owner_->refreshedFiles();
     if (holdings.empty()) return;
     Holdings failed;

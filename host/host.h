@@ -45,6 +45,12 @@ KORVEL_HOST_API double hostRealtime();
 KORVEL_HOST_API double hostMonotonic();
 // Suspends the calling thread for about ms milliseconds.
 KORVEL_HOST_API void hostSleepMilliseconds(unsigned ms);
+// The real seconds a timed wait (on a condition or a mutex) must last for
+// `seconds` to pass on hostMonotonic(). The default returns seconds; a host
+// whose clocks run faster than real time (a test compressing time) returns
+// less. Every timed wait of the directory locks goes through it, as their
+// sleeps go through hostSleepMilliseconds.
+KORVEL_HOST_API double hostRealSeconds(double seconds);
 // 32 unpredictable bits (getrandom(2)), for numbers that must differ
 // between processes and hosts.
 KORVEL_HOST_API unsigned hostRandom();
@@ -132,6 +138,9 @@ KORVEL_HOST_API ssize_t hostWrite(int fd, const void* buffer, size_t size);
 KORVEL_HOST_API ssize_t hostPread(int fd, void* buffer, size_t size, off_t offset);
 KORVEL_HOST_API ssize_t hostPwrite(int fd, const void* buffer, size_t size, off_t offset);
 KORVEL_HOST_API int hostFtruncate(int fd, off_t length);
+KORVEL_HOST_API int hostFstat(int fd, struct stat* st);
+// futimens(2): sets the access and modification times of an open file.
+KORVEL_HOST_API int hostFutimens(int fd, const struct timespec times[2]);
 KORVEL_HOST_API int hostStat(const char* path, struct stat* st);
 KORVEL_HOST_API int hostLstat(const char* path, struct stat* st);
 // fstatat(2) following links: name relative to the open directory dirfd.
@@ -200,6 +209,7 @@ KORVEL_HOST_API int hostSemGetValue(sem_t* semaphore, int* value);
 KORVEL_HOST_API double hostDefaultRealtime();
 KORVEL_HOST_API double hostDefaultMonotonic();
 KORVEL_HOST_API void hostDefaultSleepMilliseconds(unsigned ms);
+KORVEL_HOST_API double hostDefaultRealSeconds(double seconds);
 KORVEL_HOST_API pid_t hostDefaultProcessId();
 KORVEL_HOST_API char* hostDefaultGetDirList(const char* pathPattern, int flags);
 KORVEL_HOST_API int hostDefaultRemoveFile(const char* path);
@@ -211,6 +221,8 @@ KORVEL_HOST_API ssize_t hostDefaultWrite(int fd, const void* buffer, size_t size
 KORVEL_HOST_API ssize_t hostDefaultPread(int fd, void* buffer, size_t size, off_t offset);
 KORVEL_HOST_API ssize_t hostDefaultPwrite(int fd, const void* buffer, size_t size, off_t offset);
 KORVEL_HOST_API int hostDefaultFtruncate(int fd, off_t length);
+KORVEL_HOST_API int hostDefaultFstat(int fd, struct stat* st);
+KORVEL_HOST_API int hostDefaultFutimens(int fd, const struct timespec times[2]);
 KORVEL_HOST_API int hostDefaultStat(const char* path, struct stat* st);
 KORVEL_HOST_API int hostDefaultLstat(const char* path, struct stat* st);
 KORVEL_HOST_API int hostDefaultStatAt(int dirfd, const char* name, struct stat* st);

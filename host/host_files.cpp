@@ -49,6 +49,14 @@ int hostDefaultFtruncate(int fd, off_t length) {
   return ftruncate(fd, length);
 }
 
+int hostDefaultFstat(int fd, struct stat* st) {
+  return fstat(fd, st);
+}
+
+int hostDefaultFutimens(int fd, const struct timespec times[2]) {
+  return futimens(fd, times);
+}
+
 int hostDefaultStat(const char* path, struct stat* st) {
   return stat(path, st);
 }
@@ -88,6 +96,8 @@ KORVEL_WEAK_DEFAULT(hostWrite, hostDefaultWrite);
 KORVEL_WEAK_DEFAULT(hostPread, hostDefaultPread);
 KORVEL_WEAK_DEFAULT(hostPwrite, hostDefaultPwrite);
 KORVEL_WEAK_DEFAULT(hostFtruncate, hostDefaultFtruncate);
+KORVEL_WEAK_DEFAULT(hostFstat, hostDefaultFstat);
+KORVEL_WEAK_DEFAULT(hostFutimens, hostDefaultFutimens);
 KORVEL_WEAK_DEFAULT(hostStat, hostDefaultStat);
 KORVEL_WEAK_DEFAULT(hostLstat, hostDefaultLstat);
 KORVEL_WEAK_DEFAULT(hostStatAt, hostDefaultStatAt);

@@ -48,6 +48,10 @@ void hostDefaultSleepMilliseconds(unsigned ms) {
   }
 }
 
+double hostDefaultRealSeconds(double seconds) {
+  return seconds;
+}
+
 __attribute__((weak)) unsigned hostRandom() {
   unsigned value = 0;
   if (getrandom(&value, sizeof value, 0) == static_cast<ssize_t>(sizeof value)) return value;
@@ -77,4 +81,5 @@ __attribute__((weak)) void hostFree(void* block) {
 KORVEL_WEAK_DEFAULT(hostRealtime, hostDefaultRealtime);
 KORVEL_WEAK_DEFAULT(hostMonotonic, hostDefaultMonotonic);
 KORVEL_WEAK_DEFAULT(hostSleepMilliseconds, hostDefaultSleepMilliseconds);
+KORVEL_WEAK_DEFAULT(hostRealSeconds, hostDefaultRealSeconds);
 KORVEL_WEAK_DEFAULT(hostProcessId, hostDefaultProcessId);

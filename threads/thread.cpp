@@ -1,10 +1,12 @@
 // The thread object and the basic factory.
+#include <boost/thread/mutex.hpp>
 #include <cstring>
 #include <new>
 
 #include "host/exception_list.h"
 #include "host/host.h"
 #include "korvel/threads.h"
+#include "threads/loop_wait.h"
 
 namespace {
 
@@ -106,3 +108,17 @@ koSynchronizedLoopContext::~koSynchronizedLoopContext() = default;
 const char* koSynchronizedLoopBreak::what() const noexcept {
   return "Loop broken";
 }
+
+namespace korvel_detail {
+
+bool LoopWait::waitFor(koSynchronizedLoopContext& context, double seconds) {
+  typedef koSynchronizedLoopContextImpl<boost::timed_mutex::scoped_lock> Context;
+  Context& loop = static_cast<Context&>(context);
+  if (*loop.wakeRequested_) return true;
+  if (!loop.lock_->owns_lock()) throw boost::lock_error();
+  const double real = hostRealSeconds(seconds);
+  if (real > 0) loop.wakeCondition_->wait_for(*loop.lock_, boost::chrono::duration<double>(real));
+  return loop.takeWake();
+}
+
+}  // namespace korvel_detail

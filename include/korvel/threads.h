@@ -194,13 +194,19 @@ class KORVEL_EXPORT koCleanupFunctionGuard : private boost::noncopyable {
 
 // ---- Synchronized loop thread ----
 
+namespace korvel_detail {
+class LoopWait;  // the library's own waits inside its loops
+}  // namespace korvel_detail
+
 // What a loop function receives: waits that end early when a stop is
 // requested, and a way to end the loop.
 class KORVEL_EXPORT koSynchronizedLoopContext {
  public:
   virtual ~koSynchronizedLoopContext();
-  // Waits until woken or until now + amount, on the steady clock. True when
-  // woken: a stop is pending.
+  // Waits until woken or for amount cut down to whole seconds, on the
+  // steady clock. A wait shorter than a second returns at once: callers
+  // use waitFor(1, TimeUnit::sMilliseconds()) to ask whether a stop is
+  // pending without waiting. True when woken: a stop is pending.
   virtual bool waitFor(unsigned long amount, const Zentha::System::TimeUnit& unit) = 0;
   // Waits until woken; true when woken.
   virtual bool waitForWakeUp() = 0;
@@ -224,7 +230,7 @@ class koSynchronizedLoopContextImpl : public koSynchronizedLoopContext {
     if (*wakeRequested_) return true;
     if (!lock_->owns_lock()) throw boost::lock_error();
     // Once, on the steady clock: no re-wait on time-out or spurious wake.
-    wakeCondition_->wait_for(*lock_, boost::chrono::milliseconds(unit.toMillis(amount)));
+    wakeCondition_->wait_for(*lock_, boost::chrono::seconds(unit.toSeconds(amount)));
     return takeWake();
   }
 
@@ -241,6 +247,8 @@ class koSynchronizedLoopContextImpl : public koSynchronizedLoopContext {
   }
 
  private:
+  friend class korvel_detail::LoopWait;
+
   bool takeWake() {
     bool woken = *wakeRequested_;
     *wakeRequested_ = false;

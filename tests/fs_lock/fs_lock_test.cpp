@@ -235,6 +235,25 @@ TEST_F(FsLockTest, NothingHangsSilently) {
   EXPECT_EQ(warnings.count("FS_LOCK: cannot remove " + level(0)), 1) << warnings.text();
 }
 
+// The locks keep their own times, whatever the loop context's public wait
+// does with amounts under a second: a refresh every 5 s, a deadline of
+// 900 ms kept to the millisecond.
+TEST_F(FsLockTest, RefreshesComeEveryFiveSecondsAndDeadlinesKeepTheirMilliseconds) {
+  korvel_test::scaleWaits(10);  // the 5 s refresh period passes in 0.5 s
+  koDirectoryExclusiveLock lock(dir_.path(), "t");
+  ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
+  const int before = korvel_test::writesTo(level(0));
+  usleep(2250000);
+  const int refreshes = korvel_test::writesTo(level(0)) - before;
+  EXPECT_GE(refreshes, 3) << "one refresh per 5 s";
+  EXPECT_LE(refreshes, 5) << "one refresh per 5 s";
+  korvel_test::failUnder(Fault::kRemove, level(0), EIO);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(lock.release(900, TimeUnit::sMilliseconds()));
+  EXPECT_GE(korvel_test::secondsSince(start), 0.85);
+  EXPECT_LT(korvel_test::secondsSince(start), 1.6) << "a release tries for the time it was given";
+}
+
 // The lease runs out on the holder's own clock, without any file-system
 // call: the loss is told, and the file left alone.
 TEST_F(FsLockTest, ALeaseRunsOutOnTheClockAlone) {

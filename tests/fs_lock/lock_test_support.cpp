@@ -34,6 +34,7 @@ struct Hooks {
 std::mutex hookMutex;
 Hooks hooks;  // guarded by hookMutex
 std::atomic<double> clockOffset{0.0};
+std::atomic<double> waitScale{1.0};
 
 // The error to fail an operation of that kind on path with, or 0.
 int faultFor(Fault which, const char* path) {
@@ -72,10 +73,15 @@ void advanceClock(double seconds) {
   clockOffset = clockOffset + seconds;
 }
 
+void scaleWaits(double factor) {
+  waitScale = factor;
+}
+
 void clearHooks() {
   std::lock_guard<std::mutex> lock(hookMutex);
   hooks = Hooks();
   clockOffset = 0.0;
+  waitScale = 1.0;
   removeCalls = 0;
 }
 
@@ -142,6 +148,10 @@ extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
 
 extern "C" double hostMonotonic() {
   return hostDefaultMonotonic() + korvel_test::clockOffset;
+}
+
+extern "C" double hostRealSeconds(double seconds) {
+  return seconds / korvel_test::waitScale;
 }
 
 extern "C" int hostStat(const char* path, struct stat* st) {

@@ -32,6 +32,10 @@ enum class Fault {
 // of that long would; clearHooks() sets it back.
 void advanceClock(double seconds);
 
+// Timed waits of the lock code (not its sleeps) pass `factor` times faster
+// than the clock: 5 s of refresh period take 5 / factor real seconds.
+void scaleWaits(double factor);
+
 // Operations of that kind on paths starting with prefix fail with error
 // (EPERM, as some network mounts answer, unless told otherwise); an empty
 // prefix turns the fault off.

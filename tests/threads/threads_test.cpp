@@ -280,32 +280,56 @@ TEST(LoopThread, StartsAndStopsAreCountedAndAStopWakesTheWait) {
   EXPECT_EQ(counts.joined(), 2);
 }
 
-TEST(LoopThread, WaitsTimeOutToTheMillisecondOrEndOnAStop) {
-  boost::timed_mutex mutex;
-  koPooledThreadFactory pool(0, 16);
-  std::vector<std::string> seen;  // guarded by mutex
-  std::atomic<int> progress{0};
-  LoopThread loop(
-      mutex,
-      [&](koSynchronizedLoopContext& ctx) {
-        // Waits time out to the millisecond: short ones end soon, unwoken.
-        for (int i = 0; i < 20; ++i) {
-          if (ctx.waitFor(1, TimeUnit::sMilliseconds())) seen.push_back("woken early");
-        }
-        const auto before = std::chrono::steady_clock::now();
-        const bool woken = ctx.waitFor(500, TimeUnit::sMilliseconds());
-        seen.push_back(woken ? "woken" : secondsSince(before) > 0.45 ? "timed out" : "too short");
-        ++progress;
-        seen.push_back(ctx.waitForWakeUp() ? "woken" : "not woken");
-      },
-      &pool);
-  Lock lock(mutex);
-  loop.start(lock);
-  lock.unlock();
-  EXPECT_TRUE(korvel_test::eventually([&] { return progress == 1; }, 10.0));
-  lock.lock();
-  loop.stop(lock);
-  EXPECT_EQ(seen, (std::vector<std::string>{"timed out", "woken"}));
+// waitFor counts whole seconds: a shorter wait only asks whether a stop is
+// pending. With either factory.
+TEST(LoopThread, WaitsCountWholeSecondsAndEndOnAStop) {
+  struct Case {
+    unsigned long amount;
+    const TimeUnit& unit;
+    double least, most;  // seconds the wait may take
+  };
+  const Case cases[] = {{1, TimeUnit::sMilliseconds(), 0, 0.2},
+                        {999, TimeUnit::sMilliseconds(), 0, 0.2},
+                        {1, TimeUnit::sSeconds(), 0.95, 1.8},
+                        {1500, TimeUnit::sMilliseconds(), 0.95, 1.8}};
+  koBasicThreadFactory basic;
+  koPooledThreadFactory pooled(0, 16);
+  for (koThreadFactory* factory :
+       {static_cast<koThreadFactory*>(&basic), static_cast<koThreadFactory*>(&pooled)}) {
+    SCOPED_TRACE(factory == &basic ? "basic factory" : "pooled factory");
+    boost::timed_mutex mutex;
+    std::vector<std::string> failures;  // guarded by mutex
+    std::atomic<bool> waiting{false};
+    bool last = false;  // guarded by mutex
+    LoopThread loop(
+        mutex,
+        [&](koSynchronizedLoopContext& ctx) {
+          for (const Case& c : cases) {
+            const auto before = std::chrono::steady_clock::now();
+            const bool woken = ctx.waitFor(c.amount, c.unit);
+            const double took = secondsSince(before);
+            if (woken || took < c.least || took > c.most) {
+              failures.push_back(std::to_string(c.amount) +
+                                 (&c.unit == &TimeUnit::sSeconds() ? " s" : " ms") + ": woken " +
+                                 std::to_string(woken) + " after " + std::to_string(took) + " s");
+            }
+          }
+          waiting = true;
+          const auto before = std::chrono::steady_clock::now();
+          last = ctx.waitFor(60, TimeUnit::sSeconds()) && secondsSince(before) < 5;
+        },
+        factory);
+    Lock lock(mutex);
+    loop.start(lock);
+    lock.unlock();
+    EXPECT_TRUE(korvel_test::eventually([&] { return waiting.load(); }, 10.0));
+    lock.lock();
+    const auto before = std::chrono::steady_clock::now();
+    loop.stop(lock);
+    EXPECT_LT(secondsSince(before), 2.0) << "the stop ends the 60 s wait at once";
+    EXPECT_TRUE(last) << "a stop during the wait returns true";
+    EXPECT_EQ(failures, std::vector<std::string>{});
+  }
 }
 
 TEST(LoopThread, BrokenLoopEndsAndAFailedPoolGivesStartError) {
