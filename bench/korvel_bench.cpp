@@ -182,7 +182,7 @@ void prescribedCycle(const std::string& file, int& counter) {
 
 void lockCycle(koDirectoryExclusiveLock& lock) {
   if (!lock.acquire(0, TimeUnit::sMilliseconds(), false)) fail("acquire(0) failed", false);
-  lock.release(0, TimeUnit::sMilliseconds());
+  if (!lock.release(0, TimeUnit::sMilliseconds())) fail("release failed", false);
 }
 
 void exclusiveRow() {
@@ -257,7 +257,7 @@ int rwChild(const char* dir, const char* boardFile, int index) {
     const int64_t start = nowNs();
     if (start >= end) break;
     slot.waitStart = start;
-    lock.acquire(koForever, TimeUnit::sSeconds());
+    if (!lock.acquire(koForever, TimeUnit::sSeconds())) break;
     const int64_t acquired = nowNs();
     if (acquired > end) break;
     const int n = slot.count;
@@ -265,7 +265,7 @@ int rwChild(const char* dir, const char* boardFile, int index) {
     slot.count = n + 1;
     slot.waitStart = 0;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    lock.release(koForever, TimeUnit::sSeconds());
+    if (!lock.release(koForever, TimeUnit::sSeconds())) break;
   }
   for (;;) pause();
 }

@@ -1,9 +1,7 @@
 // The directory exclusive lock: a queue of levels, walked down one level at
-// a time (see the notes at the top of fs_lock.cpp).
-//
-// Every check and change is made with processMutex_ held, so the object's
-// threads and its refresh loop never interleave. The loss of level 0 is
-// recorded in holding_, whose lease the lease timer watches.
+// a time (see exclusive_lock.h, and the notes at the top of fs_lock.cpp).
+#include "fs_lock/exclusive_lock.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,10 +10,8 @@
 #include <sstream>
 #include <vector>
 
-#include "fs_lock/fs_lock_internal.h"
 #include "host/exception_list.h"
 #include "host/host.h"
-#include "korvel/fs_lock.h"
 
 using korvel_protocol::kLeaseSeconds;
 using korvel_protocol::kPollMs;
@@ -24,12 +20,7 @@ using Zentha::System::TimeUnit;
 
 namespace {
 
-typedef boost::timed_mutex::scoped_lock ScopedLock;
-
-// How long a release keeps trying to remove a file that resists.
-constexpr double kReleaseEffortSeconds = 2.0;
-// The longest pause between retries of a create that failed for now.
-constexpr unsigned kMaxBackOffMs = 1000;
+typedef koDirectoryExclusiveLock::Impl::ScopedLock ScopedLock;
 
 }  // namespace
 
@@ -38,20 +29,20 @@ const double koDirectoryExclusiveLock::STALE_TIMEOUT_SEC = korvel_protocol::kSta
 // Keeps ".deploy_lock.0" fresh while the lock is held: a rewrite every 5 s,
 // after the wait (the file was just written), retried for up to 2.5 s when
 // it fails. Runs with processMutex_ held, which the waits release.
-class koDirectoryExclusiveLock::RefreshLoop {
+class koDirectoryExclusiveLock::Impl::RefreshLoop {
  public:
-  explicit RefreshLoop(koDirectoryExclusiveLock* owner) : owner_(owner) {}
+  explicit RefreshLoop(Impl* owner) : owner_(owner) {}
 
   void operator()(koSynchronizedLoopContext& context) const {
     if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping
     verboseLog << "Touching lock file..." << std::endl;
-    Holdings failed = refreshOnce({owner_->holding_}, *owner_->numbers_);
+    Holdings failed = refreshOnce({owner_->holding_}, owner_->numbers_);
     if (failed.empty()) verboseLog << "Lock successfully refreshed" << std::endl;
-    retryRefresh(std::move(failed), *owner_->numbers_, context);
+    retryRefresh(std::move(failed), owner_->numbers_, context);
   }
 
  private:
-  koDirectoryExclusiveLock* owner_;
+  Impl* owner_;
 };
 
 // One acquisition's way down the queue: join at the first free level, then
@@ -59,9 +50,9 @@ class koDirectoryExclusiveLock::RefreshLoop {
 // until level 0 is ours. A queue place that was lost (this process was
 // stopped for longer than its lease) starts the walk again. REQUIRES: the
 // lock's processMutex_ is held throughout.
-class koDirectoryExclusiveLock::QueueWalk {
+class koDirectoryExclusiveLock::Impl::QueueWalk {
  public:
-  QueueWalk(koDirectoryExclusiveLock& lock, const Deadline& deadline, bool singleAttempt)
+  QueueWalk(Impl& lock, const Deadline& deadline, bool singleAttempt)
       : lock_(lock), deadline_(deadline), singleAttempt_(singleAttempt) {}
 
   // True when level 0 is ours; it holds written() since a write that
@@ -108,7 +99,7 @@ class koDirectoryExclusiveLock::QueueWalk {
       }
       verboseLog << "Attempting to create queue file..." << std::endl;
       const double start = hostMonotonic();
-      const int value = lock_.numbers_->next();
+      const int value = lock_.numbers_.next();
       switch (createLockFile(lock_.directory_, lock_.levelFile(level), 0777, value)) {
         case Create::kMade:
           verboseLog << "queue file created at level " << level << std::endl;
@@ -157,7 +148,7 @@ class koDirectoryExclusiveLock::QueueWalk {
     const int target = level_ - 1;
     verboseLog << lock_.name_ << ": Trying to acquire level " << target << std::endl;
     const double start = hostMonotonic();
-    const int value = lock_.numbers_->next();
+    const int value = lock_.numbers_.next();
     switch (createLockFile(lock_.directory_, lock_.levelFile(target), 0777, value)) {
       case Create::kMade:
         verboseLog << lock_.name_ << ": Success! removing level " << level_ << std::endl;
@@ -191,7 +182,7 @@ class koDirectoryExclusiveLock::QueueWalk {
     if (!keepPlace()) return Step::kLost;
     const std::string file = lock_.levelFile(target);
     const double start = hostMonotonic();
-    const int value = lock_.numbers_->next();
+    const int value = lock_.numbers_.next();
     if (overwrite(file, value)) {
       moveDown(value, start, 0);
       return Step::kDown;
@@ -239,7 +230,7 @@ class koDirectoryExclusiveLock::QueueWalk {
   bool keepPlace() {
     if (hostMonotonic() - since_ >= kLeaseSeconds) return placeLost("not refreshed for 14 s");
     const double start = hostMonotonic();
-    const int value = lock_.numbers_->next();
+    const int value = lock_.numbers_.next();
     switch (rewriteIfOurs(lock_.levelFile(level_), written_, value)) {
       case Owned::kYes:
         written_ = value;
@@ -306,7 +297,7 @@ class koDirectoryExclusiveLock::QueueWalk {
     return false;
   }
 
-  koDirectoryExclusiveLock& lock_;
+  Impl& lock_;
   const Deadline& deadline_;
   const bool singleAttempt_;
   int level_ = -1;
@@ -318,16 +309,15 @@ class koDirectoryExclusiveLock::QueueWalk {
   bool transientWarned_ = false;
 };
 
-koDirectoryExclusiveLock::koDirectoryExclusiveLock(std::string directory, const char* name)
+koDirectoryExclusiveLock::Impl::Impl(std::string directory, const char* name)
     : directory_(std::move(directory)),
       name_(name != nullptr ? name : ""),
-      numbers_(new LockNumbers),
       holding_(std::make_shared<LockHolding>()),
       refreshFunctor_(new RefreshLoop(this)),
       pool_(koDirectoryLockThreadPool()),
       refreshLoop_(new LoopThread(processMutex_, boost::ref(*refreshFunctor_), pool_.get())) {}
 
-koDirectoryExclusiveLock::~koDirectoryExclusiveLock() {
+koDirectoryExclusiveLock::Impl::~Impl() {
   try {
     holding_->close();
     if (holding_->heldElsewhere()) {
@@ -341,7 +331,7 @@ koDirectoryExclusiveLock::~koDirectoryExclusiveLock() {
         ScopedLock lock(processMutex_);
         if (acquireCount_ == 0) break;
       }
-      if (!release(koForever, TimeUnit::sSeconds())) break;
+      if (!releaseUntil(Deadline::forever())) break;
     }
   } catch (...) {
     // A destructor must not throw: what could not be released goes stale.
@@ -349,27 +339,8 @@ koDirectoryExclusiveLock::~koDirectoryExclusiveLock() {
   refreshLoop_.reset();
 }
 
-bool koDirectoryExclusiveLock::acquire(unsigned long timeout, const TimeUnit& unit,
-                                       bool noRefreshLoop) {
-  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
-      [&] { return acquireUntil(Deadline::after(timeout, unit), timeout == 0, noRefreshLoop); });
-}
-
-bool koDirectoryExclusiveLock::release(unsigned long timeout, const TimeUnit& unit) {
-  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
-      [&] { return releaseUntil(Deadline::after(timeout, unit)); });
-}
-
-bool koDirectoryExclusiveLock::lost() const {
-  return holding_->lost();
-}
-
-void koDirectoryExclusiveLock::onLost(std::function<void()> handler) {
-  holding_->setHandler(std::move(handler));
-}
-
-bool koDirectoryExclusiveLock::acquireUntil(const Deadline& deadline, bool singleAttempt,
-                                            bool noRefreshLoop) {
+bool koDirectoryExclusiveLock::Impl::acquireUntil(const Deadline& deadline, bool singleAttempt,
+                                                  bool noRefreshLoop) {
   ScopedLock lock(processMutex_, boost::defer_lock);
   if (!lockBy(lock, deadline)) {
     errno = ETIMEDOUT;
@@ -378,7 +349,7 @@ bool koDirectoryExclusiveLock::acquireUntil(const Deadline& deadline, bool singl
   return acquireHeld(deadline, singleAttempt, noRefreshLoop, lock);
 }
 
-bool koDirectoryExclusiveLock::releaseUntil(const Deadline& deadline) {
+bool koDirectoryExclusiveLock::Impl::releaseUntil(const Deadline& deadline) {
   ScopedLock lock(processMutex_, boost::defer_lock);
   if (!lockBy(lock, deadline)) {
     errno = ETIMEDOUT;
@@ -387,8 +358,8 @@ bool koDirectoryExclusiveLock::releaseUntil(const Deadline& deadline) {
   return releaseHeld(deadline, lock);
 }
 
-bool koDirectoryExclusiveLock::acquireHeld(const Deadline& deadline, bool singleAttempt,
-                                           bool noRefreshLoop, ScopedLock& lock) {
+bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool singleAttempt,
+                                                 bool noRefreshLoop, ScopedLock& lock) {
   if (acquireCount_ > 0) {
     // A lock already lost protects nothing more: it must be released first.
     if (holding_->lost()) {
@@ -409,7 +380,7 @@ bool koDirectoryExclusiveLock::acquireHeld(const Deadline& deadline, bool single
   return true;
 }
 
-bool koDirectoryExclusiveLock::releaseHeld(const Deadline& deadline, ScopedLock& lock) {
+bool koDirectoryExclusiveLock::Impl::releaseHeld(const Deadline& deadline, ScopedLock& lock) {
   if (acquireCount_ == 0) {
     errno = EPERM;
     return false;
@@ -442,7 +413,7 @@ bool koDirectoryExclusiveLock::releaseHeld(const Deadline& deadline, ScopedLock&
   return false;
 }
 
-bool koDirectoryExclusiveLock::tryAtOnce() {
+bool koDirectoryExclusiveLock::Impl::tryAtOnce() {
   ScopedLock lock(processMutex_, boost::try_to_lock);
   if (!lock.owns_lock()) return false;
   if (acquireCount_ > 0) {
@@ -451,7 +422,7 @@ bool koDirectoryExclusiveLock::tryAtOnce() {
     return true;
   }
   const double start = hostMonotonic();
-  const int value = numbers_->next();
+  const int value = numbers_.next();
   try {
     if (createLockFile(directory_, levelFile(0), 0777, value) != Create::kMade) return false;
   } catch (const koNoSuchDirectory&) {
@@ -462,13 +433,52 @@ bool koDirectoryExclusiveLock::tryAtOnce() {
   return true;
 }
 
+std::string koDirectoryExclusiveLock::Impl::levelFile(int level) const {
+  std::ostringstream name;
+  name << directory_ << korvel_protocol::kLevelPrefix << level;
+  return name.str();
+}
+
+// ---- The public face ----
+
+koDirectoryExclusiveLock::koDirectoryExclusiveLock(std::string directory, const char* name)
+    : impl_(new Impl(std::move(directory), name)) {}
+
+koDirectoryExclusiveLock::~koDirectoryExclusiveLock() = default;
+
+bool koDirectoryExclusiveLock::acquire(unsigned long timeout, const TimeUnit& unit,
+                                       bool noRefreshLoop) & {
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>([&] {
+    return impl_->acquireUntil(Deadline::after(timeout, unit), timeout == 0, noRefreshLoop);
+  });
+}
+
+bool koDirectoryExclusiveLock::release(unsigned long timeout, const TimeUnit& unit) & {
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
+      [&] { return impl_->releaseUntil(Deadline::after(timeout, unit)); });
+}
+
+bool koDirectoryExclusiveLock::release() & {
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
+      [&] { return impl_->releaseUntil(Deadline::afterSeconds(kReleaseEffortSeconds)); });
+}
+
+bool koDirectoryExclusiveLock::lost() const {
+  return impl_->holding().lost();
+}
+
+void koDirectoryExclusiveLock::setLostHandler(std::unique_ptr<korvel_detail::LostHandler> handler) {
+  impl_->holding().setHandler(std::move(handler));
+}
+
 // The standard interfaces: the threads' lock first; on a false result or an
 // exception it is let go again. unlock() must not throw.
 
 bool koDirectoryExclusiveLock::tryLockFor(unsigned long ms) {
   return standardTryLock(
-      ScopedLock(threads_, boost::defer_lock), ms,
+      ScopedLock(impl_->threads(), boost::defer_lock), ms,
       [this](unsigned long left) { return acquire(left, TimeUnit::sMilliseconds(), false); },
+      impl_->directory(),
       ms == koForever ? "koDirectoryExclusiveLock::lock" : "koDirectoryExclusiveLock::try_lock");
 }
 
@@ -482,12 +492,6 @@ bool koDirectoryExclusiveLock::try_lock() {
 }
 
 void koDirectoryExclusiveLock::unlock() {
-  releaseQuietly([this] { release(koForever, TimeUnit::sSeconds()); });
-  threads_.unlock();
-}
-
-std::string koDirectoryExclusiveLock::levelFile(int level) const {
-  std::ostringstream name;
-  name << directory_ << korvel_protocol::kLevelPrefix << level;
-  return name.str();
+  releaseQuietly([this] { return release(koForever, TimeUnit::sSeconds()); });
+  impl_->threads().unlock();
 }

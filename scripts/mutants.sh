@@ -29,33 +29,33 @@ cd "$(dirname "$0")/.."
 
 read -r -d '' FAULTS <<'EOF'
 # ---- Lock files, stale test, directory locks ----
-stale_off_by_one_second | fs_lock/fs_lock.cpp | if (difference > staleTimeout) { | if (difference > staleTimeout + 1) { | FsLockTest\.Stale
-stale_not_strict | fs_lock/fs_lock.cpp | if (difference > staleTimeout) { | if (difference >= staleTimeout) { | FsLockTest\.Stale
-stale_judged_on_local_clock | fs_lock/fs_lock.cpp | const double difference = static_cast<double>(tempStat.st_mtime - lockStat.st_mtime); | const double difference = hostRealtime() - static_cast<double>(lockStat.st_mtime); | FsLockTest\.Stale
-exclusive_refresh_never_rewrites | fs_lock/exclusive_lock.cpp | Holdings failed = refreshOnce({owner_->holding_}, *owner_->numbers_); | Holdings failed; | RwLockTest\.HeldFiles
+stale_off_by_one_second | fs_lock/stale_test.cpp | if (difference > staleTimeout) { | if (difference > staleTimeout + 1) { | FsLockTest\.Stale
+stale_not_strict | fs_lock/stale_test.cpp | if (difference > staleTimeout) { | if (difference >= staleTimeout) { | FsLockTest\.Stale
+stale_judged_on_local_clock | fs_lock/stale_test.cpp | const double difference = static_cast<double>(tempStat.st_mtime - lockStat.st_mtime); | const double difference = hostRealtime() - static_cast<double>(lockStat.st_mtime); | FsLockTest\.Stale
+exclusive_refresh_never_rewrites | fs_lock/exclusive_lock.cpp | Holdings failed = refreshOnce({owner_->holding_}, owner_->numbers_); | Holdings failed; | RwLockTest\.HeldFiles
 exclusive_refresh_every_50s | fs_lock/exclusive_lock.cpp | if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return; | if (LoopWait::waitFor(context, 50.0)) return; | RwLockTest\.HeldFiles
 exclusive_refresh_every_second | fs_lock/exclusive_lock.cpp | if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return; | if (LoopWait::waitFor(context, 1.0)) return; | FsLockTest\.Refreshes
-refresh_retry_in_whole_seconds | threads/thread.cpp | const double real = hostRealSeconds(seconds); | const double real = hostRealSeconds(static_cast<long>(seconds)); | FsLockTest\.(Refreshes\|NothingHangs)
-rw_refresh_skips_write_lock | fs_lock/read_write_lock.cpp | if (!noRefresh && impl->hasFile && !impl->refreshed) { | if (!noRefresh && !impl->write && impl->hasFile && !impl->refreshed) { | RwLockTest\.HeldFiles
-rw_refresh_skips_read_locks | fs_lock/read_write_lock.cpp | if (!noRefresh && impl->hasFile && !impl->refreshed) { | if (!noRefresh && impl->write && impl->hasFile && !impl->refreshed) { | RwLockTest\.HeldFiles
-release_keeps_file | fs_lock/fs_lock.cpp | removed = removeIfOursWithin(holding.file(), holding.written(), deadline); | removed = Owned::kYes; | FsLockTest\.Reentrant
+refresh_retry_in_whole_seconds | threads/thread.cpp | const double real = hostRealSeconds(seconds); | const double real = hostRealSeconds(static_cast<long>(seconds)); | FsLockTest\.(Refreshes|NothingHangs)
+rw_refresh_skips_write_lock | fs_lock/read_write_lock.cpp | if (noRefresh \|\| !hasFile \|\| refreshed) return; | if (noRefresh \|\| write \|\| !hasFile \|\| refreshed) return; | RwLockTest\.HeldFiles
+rw_refresh_skips_read_locks | fs_lock/read_write_lock.cpp | if (noRefresh \|\| !hasFile \|\| refreshed) return; | if (noRefresh \|\| !write \|\| !hasFile \|\| refreshed) return; | RwLockTest\.HeldFiles
+release_keeps_file | fs_lock/holding.cpp | removed = removeIfOursWithin(holding.file(), holding.written(), deadline); | removed = Owned::kYes; | FsLockTest\.Reentrant
 exclusive_holds_the_wrong_level | fs_lock/exclusive_lock.cpp | holding_->hold(levelFile(0), walk.written(), walk.since()); | holding_->hold(levelFile(1), walk.written(), walk.since()); | FsLockTest\.Reentrant
 waiter_queues_one_level_up | fs_lock/exclusive_lock.cpp | int level = 0; | int level = 1; | ^fs_lock_test\.(FsLockTest|LockProcessTest\.Diagnostics)
 waiter_skips_a_level | fs_lock/exclusive_lock.cpp | const int target = level_ - 1; | const int target = level_ - 2; | ^fs_lock_test\.FsLockTest\.
 writer_skips_read_lock_scan | fs_lock/read_write_lock.cpp | return readers.empty() ? Entry::kFree : Entry::kBlocked; | return Entry::kFree; | ^fs_lock_test\.Rw
-lock_file_made_without_dir_lock | fs_lock/read_write_lock.cpp | : lock.acquireUntil(deadline, false, true)) { | : true) { | ^fs_lock_test\.Rw
+lock_file_made_without_dir_lock | fs_lock/read_write_lock.cpp | : lock_.acquireUntil(deadline, false, true)) { | : true) { | ^fs_lock_test\.Rw
 rw_release_keeps_file | fs_lock/read_write_lock.cpp | removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds)); | removed = Owned::kYes; | ^fs_lock_test\.RwLockTest\.
 waiter_leaves_stale_files | fs_lock/read_write_lock.cpp | for (const std::string& stale : remover->staleFiles) remover->removeStaleFile(stale); | | ^fs_lock_test\.Rw
-rewrite_without_reading_back | fs_lock/fs_lock.cpp | if (readNumber(fd, found, &size) && found == expected) { | if (readNumber(fd, found, &size)) { | ^fs_lock_test\.(LockProcessTest\.Holders|RwLockTest\.HeldFiles)
-unlink_without_reading_back | fs_lock/fs_lock.cpp | if (!read \|\| found != expected) return Owned::kLost; | if (!read) return Owned::kLost; | ^fs_lock_test\.(FsLockTest\.LockFiles|LockProcessTest\.Holders)
-lease_timer_never_fires | fs_lock/fs_lock.cpp | if (now < leaseEnd_) return leaseEnd_; | return leaseEnd_; | FsLockTest\.ALease
+rewrite_without_reading_back | fs_lock/lock_file.cpp | if (readNumber(fd, found, &size) && found == expected) { | if (readNumber(fd, found, &size)) { | ^fs_lock_test\.(LockProcessTest\.Holders|RwLockTest\.HeldFiles)
+unlink_without_reading_back | fs_lock/lock_file.cpp | if (!read \|\| found != expected) return Owned::kLost; | if (!read) return Owned::kLost; | ^fs_lock_test\.(FsLockTest\.LockFiles|LockProcessTest\.Holders)
+lease_timer_never_fires | fs_lock/holding.cpp | if (now < leaseEnd_) return leaseEnd_; | return leaseEnd_; | FsLockTest\.ALease
 lease_of_16_seconds | fs_lock/protocol.h | constexpr double kLeaseSeconds = 14.0; | constexpr double kLeaseSeconds = 16.0; | FsLockTest\.ALease
 takeover_without_own_check | fs_lock/exclusive_lock.cpp | if (!keepPlace()) return Step::kLost; | | FsLockTest\.AWaiterStopped
 lock_file_kept_under_lost_dir_lock | fs_lock/read_write_lock.cpp | if (!guard.stillHeld()) { | if (false) { | RwLockTest\.NoLockFileIsKept
 unlistable_directory_lets_writers_in | fs_lock/read_write_lock.cpp | return Entry::kRefused;\n  }\n  return readers.empty() | return Entry::kFree;\n  }\n  return readers.empty() | RwLockTest\.Missing
 unknown_write_lock_lets_readers_in | fs_lock/read_write_lock.cpp | return errno == ENOENT ? 0 : -1; | return 0; | RwLockTest\.Missing
-refusal_retried_forever | fs_lock/fs_lock.cpp | if (!isRefusal(error)) { | if (true) { | FsLockTest\.NothingHangs
-deadline_does_not_saturate | fs_lock/fs_lock.cpp | if (!(seconds < 100.0 * 365 * 86400)) return forever(); | | FsLockTest\.TimeOuts
+refusal_retried_forever | fs_lock/lock_file.cpp | if (!isRefusal(error)) { | if (true) { | FsLockTest\.NothingHangs
+deadline_does_not_saturate | fs_lock/common.cpp | if (!(seconds < 100.0 * 365 * 86400)) return forever(); | | FsLockTest\.TimeOuts
 forked_child_removes_parents_file | fs_lock/exclusive_lock.cpp | if (holding_->heldElsewhere()) {\n      // A forked child | if (false) {\n      // A forked child | FsLockTest\.AForked
 
 # ---- korvel-lock ----

@@ -608,7 +608,9 @@ int clean(const Options& o) {
           remove(file, locked);
         }
       }
-      directoryLock.release(koForever, TimeUnit::sSeconds());
+      if (!directoryLock.release(koForever, TimeUnit::sSeconds())) {
+        say(o, "the internal directory lock was lost while cleaning");
+      }
     } catch (const koNoSuchDirectory&) {
       fail(kNoDirectory, "cannot lock '" + o.directory + "': the directory has gone");
     }

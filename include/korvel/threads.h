@@ -15,6 +15,9 @@
 #ifndef KORVEL_THREADS_H_
 #define KORVEL_THREADS_H_
 
+#include "korvel/export.h"
+#if KORVEL_HEADERS_USABLE
+
 #include <boost/bind/bind.hpp>
 #include <boost/function.hpp>
 #include <boost/noncopyable.hpp>
@@ -24,7 +27,6 @@
 #include <exception>
 #include <memory>
 
-#include "korvel/export.h"
 #include "korvel/time_unit.h"
 
 // The default body of a thread: does nothing, returns null.
@@ -394,4 +396,5 @@ class koSynchronizedLoopThread : private boost::noncopyable {
   LoopFunctionDriver* driver_ = nullptr;
 };
 
+#endif  // KORVEL_HEADERS_USABLE
 #endif  // KORVEL_THREADS_H_

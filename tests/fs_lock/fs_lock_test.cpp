@@ -16,7 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/read_write_lock.h"
+#include "korvel/paths.h"
 #include "tests/fs_lock/lock_test_support.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"

@@ -14,7 +14,7 @@
 #include <set>
 #include <string>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/read_write_lock.h"
 #include "tests/support/temp_dir.h"
 
 namespace korvel_test {

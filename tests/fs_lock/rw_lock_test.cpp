@@ -13,8 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/read_write_lock.h"
 #include "korvel/fs_lock.h"
+#include "korvel/paths.h"
 #include "tests/fs_lock/lock_test_support.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
@@ -34,8 +35,19 @@ using WriteLock = koDirectoryReadWriteLock::WriteLock;
 const char kWriteLock[] = ".deploy_write_lock";
 const char kReadLockPrefix[] = ".deploy_read_lock.";
 
+// A fresh handle's acquisition, its result; the handle (and its file) go
+// with the call.
+bool acquireWrite(const koDirectoryReadWriteLock& rw, unsigned long n, const TimeUnit& unit) {
+  WriteLock writing = rw.getWriteLock();
+  return writing.acquire(n, unit);
+}
+bool acquireRead(const koDirectoryReadWriteLock& rw, unsigned long n, const TimeUnit& unit) {
+  ReadLock reading = rw.getReadLock();
+  return reading.acquire(n, unit);
+}
+
 bool loopRunning(const koDirectoryReadWriteLock& rw) {
-  koDirectoryReadWriteLock::ScopedLock lock(rw.getImpl()->getMutex());
+  koDirectoryReadWriteLock::Impl::ScopedLock lock(rw.getImpl()->getMutex());
   return rw.getImpl()->refreshLoopRunning();
 }
 
@@ -91,7 +103,7 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   EXPECT_TRUE(copy.isAcquired());
   ASSERT_TRUE(copy.acquire(0, TimeUnit::sSeconds())) << "nested: no file work, no waiting";
   EXPECT_FALSE(first.acquire(300, TimeUnit::sMilliseconds()));
-  EXPECT_FALSE(rw.getWriteLock().acquire(300, TimeUnit::sMilliseconds()))
+  EXPECT_FALSE(acquireWrite(rw, 300, TimeUnit::sMilliseconds()))
       << "one write lock per directory and process, whatever the handle";
   EXPECT_TRUE(writing.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(writeLockFileExists()) << "one acquisition is still counted";
@@ -160,7 +172,7 @@ TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
     if (at("r/") + name != quietFile) readFileName = at("r/") + name;
   }
   // A writer of the same process waits on the read locks.
-  std::thread waiter([&] { EXPECT_FALSE(r.getWriteLock().acquire(7, TimeUnit::sSeconds())); });
+  std::thread waiter([&] { EXPECT_FALSE(acquireWrite(r, 7, TimeUnit::sSeconds())); });
   // And a holder whose file is taken over finds out at its next refresh.
   ASSERT_EQ(mkdir(at("t").c_str(), 0755), 0);
   koDirectoryExclusiveLock overtaken(at("t"), "old");
@@ -205,7 +217,7 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   {
     koDirectoryReadWriteLock rw(missing);
     try {
-      rw.getReadLock().acquire(koForever, TimeUnit::sSeconds());
+      acquireRead(rw, koForever, TimeUnit::sSeconds());
       ADD_FAILURE() << "no exception";
     } catch (const koNoSuchDirectory& e) {
       EXPECT_STREQ(e.what(),
@@ -221,16 +233,16 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   koDirectoryReadWriteLock tooLong(deep);
   WarningCapture warnings;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(tooLong.getWriteLock().acquire(koForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireWrite(tooLong, koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, ENAMETOOLONG);
   EXPECT_LT(secondsSince(start), 1.0);
   korvel_test::failUnder(Fault::kList, at(""), EACCES);
   koDirectoryReadWriteLock unlistable(dir_.path());
-  EXPECT_FALSE(unlistable.getWriteLock().acquire(koForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireWrite(unlistable, koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EACCES);
   // Nor does a reader enter when the write lock's file cannot be looked at.
   korvel_test::failUnder(Fault::kStat, at(kWriteLock), EIO);
-  EXPECT_FALSE(unlistable.getReadLock().acquire(koForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireRead(unlistable, koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(warnings.count("FS_LOCK: cannot"), 3) << warnings.text();
 
@@ -241,7 +253,7 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   WriteLock writing = rw.getWriteLock();
   ASSERT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds()));
   korvel_test::removeTree(missing);
-  EXPECT_THROW(writing.release(koForever, TimeUnit::sSeconds()), koNoSuchDirectory);
+  EXPECT_THROW((void)writing.release(koForever, TimeUnit::sSeconds()), koNoSuchDirectory);
   EXPECT_FALSE(loopRunning(rw));
 }
 
@@ -398,8 +410,24 @@ TEST_F(RwProcessTest, StandardLockInterfacesWork) {
   korvel_test::failUnder(Fault::kList, at(""), EACCES);
   EXPECT_THROW(std::unique_lock<koDirectoryReadWriteLock> refused(rw), std::system_error);
   korvel_test::clearHooks();
+  // A missing directory, or a file given as one: the system error of the
+  // standard interfaces, with the classic exception nested.
+  korvel_test::writeFile(at("file"), "");
+  for (const char* name : {"gone", "file"}) {
+    koDirectoryExclusiveLock missing(at(name), "missing");
+    koDirectoryReadWriteLock missingRw(at(name));
+    const int expected = std::string(name) == "gone" ? ENOENT : ENOTDIR;
+    for (int kind = 0; kind < 2; ++kind) {
+      try {
+        kind == 0 ? missing.lock() : missingRw.lock_shared();
+        ADD_FAILURE() << name << ": no exception";
+      } catch (const std::system_error& e) {
+        EXPECT_EQ(e.code().value(), expected) << name;
+        EXPECT_THROW(std::rethrow_if_nested(e), koNoSuchDirectory) << name;
+      }
+    }
+  }
   koDirectoryExclusiveLock gone(at("gone"), "gone");
-  EXPECT_THROW(gone.lock(), koNoSuchDirectory);
   ASSERT_EQ(mkdir(at("gone").c_str(), 0755), 0);
   {
     std::unique_lock<koDirectoryExclusiveLock> held(gone, std::chrono::seconds(5));
