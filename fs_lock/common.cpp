@@ -61,6 +61,15 @@ bool isRefusal(int error) {
          error == ENOTDIR || error == ELOOP || error == EINVAL;
 }
 
+std::string absolutePath(std::string path) {
+  if (path.empty() || path[0] == '/') return path;
+  char cwd[KORVEL_PATH_BUFFER_SIZE];
+  if (hostGetcwd(cwd, sizeof cwd) == nullptr) return path;  // the lock then says why it cannot
+  std::string absolute(cwd);
+  if (absolute.empty() || absolute.back() != '/') absolute += '/';
+  return absolute + path;
+}
+
 // ---- Time ----
 
 namespace korvel_detail {

@@ -67,6 +67,11 @@ bool directoryGone(const std::string& directory);
 // Failures that waiting cannot cure: the lock cannot be had here at all.
 bool isRefusal(int error);
 
+// path made absolute against the working directory, without resolving
+// links: a deploy's "current -> release-N" keeps meaning what later
+// processes mean by it. Empty stays empty.
+std::string absolutePath(std::string path);
+
 // ---- Time ----
 
 namespace korvel_detail {

@@ -28,7 +28,10 @@ class koDirectoryExclusiveLock::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  bool acquireUntil(const Deadline& deadline, bool singleAttempt, bool noRefreshLoop);
+  // holderPatience: give up once the holder of level 0 has been seen
+  // unchanged this long (0: never).
+  bool acquireUntil(const Deadline& deadline, bool singleAttempt, bool noRefreshLoop,
+                    double holderPatience = 0.0);
   bool releaseUntil(const Deadline& deadline);
   // Takes level 0 if it is free, at once: no queue, no stale test.
   bool tryAtOnce();
@@ -42,17 +45,23 @@ class koDirectoryExclusiveLock::Impl {
   class QueueWalk;
   typedef koSynchronizedLoopThread<boost::timed_mutex> LoopThread;
 
-  // REQUIRES (both): processMutex_ is held.
+  // REQUIRES (all three): processMutex_ is held.
   bool acquireHeld(const Deadline& deadline, bool singleAttempt, bool noRefreshLoop,
-                   ScopedLock& lock);
+                   double holderPatience, ScopedLock& lock);
   bool releaseHeld(const Deadline& deadline, ScopedLock& lock);
+  // Removes the queue places that killed waiters left above level 0.
+  void sweepUpperLevels();
+  // False (errno set) when this object cannot lock its directory at all: an
+  // empty or too long path, or a child made by fork() using its parent's.
+  bool usable() const;
   std::string levelFile(int level) const;
 
   // Guards the object and runs its refresh loop. Lock order: processMutex_,
   // then the holding's; see fs_lock.cpp.
   boost::timed_mutex processMutex_;
-  std::string directory_;
+  std::string directory_;  // absolute
   std::string name_;
+  const pid_t creator_;                   // the process whose threads serve this object
   int acquireCount_ = 0;                  // guarded by processMutex_
   LockNumbers numbers_;                   // thread-safe
   std::shared_ptr<LockHolding> holding_;  // level 0 while held

@@ -1,6 +1,9 @@
 // Holdings, their leases and the telling of losses (see holding.h).
 #include "fs_lock/holding.h"
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -13,7 +16,7 @@ namespace korvel_detail {
 
 LockHolding::~LockHolding() = default;
 
-void LockHolding::hold(const std::string& file, int written, double start) {
+void LockHolding::hold(const std::string& file, const FileState& written, double start) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     file_ = file;
@@ -47,7 +50,7 @@ std::string LockHolding::file() const {
   return file_;
 }
 
-int LockHolding::written() const {
+FileState LockHolding::written() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return written_;
 }
@@ -62,11 +65,20 @@ bool LockHolding::mayWrite() {
   return false;
 }
 
-void LockHolding::wrote(int value, double start) {
+void LockHolding::wrote(const FileState& written, double start) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (lost_ || !held_) return;
-  written_ = value;
+  written_ = written;
   leaseEnd_ = start + korvel_protocol::kLeaseSeconds;
+}
+
+bool LockHolding::confirm() {
+  if (!mayWrite()) return false;
+  const OpenLockFile file(this->file(), O_RDONLY);
+  if (file.look() == Look::kError) return true;  // cannot tell: the lease still stands
+  if (file.look() == Look::kFile && file.state().sameAs(written())) return true;
+  lose("the file was taken over");
+  return false;
 }
 
 void LockHolding::lose(const char* why) {
@@ -78,10 +90,7 @@ void LockHolding::lose(const char* why) {
     lost_ = true;
     leaseEnd_ = 0.0;
     file = file_;
-    if (!closed_ && handler_) {
-      notify = true;
-      ++handlersPending_;
-    }
+    notify = !closed_ && handler_ != nullptr;
   }
   warningLog << "FS_LOCK: lost the lock " << file << ": " << why << std::endl;
   if (notify) notifyLoss(shared_from_this());
@@ -101,9 +110,11 @@ void LockHolding::setHandler(std::unique_ptr<LostHandler> handler) {
 void LockHolding::close() {
   std::unique_lock<std::mutex> lock(mutex_);
   closed_ = true;
-  // A handler that destroys its own lock must not wait for itself.
-  const int mine = handlerRunning_ && handlerThread_ == std::this_thread::get_id() ? 1 : 0;
-  handlerDone_.wait(lock, [this, mine] { return handlersPending_ == mine; });
+  // A handler queued but not begun will not run. One running now is waited
+  // for, unless it runs on this very thread: a handler may destroy its own
+  // lock or any other, and all handlers run on the one notifier thread.
+  const std::thread::id self = std::this_thread::get_id();
+  handlerDone_.wait(lock, [this, self] { return !handlerRunning_ || handlerThread_ == self; });
 }
 
 void LockHolding::runHandler() {
@@ -125,7 +136,6 @@ void LockHolding::runHandler() {
   }
   std::lock_guard<std::mutex> lock(mutex_);
   handlerRunning_ = false;
-  --handlersPending_;
   handlerDone_.notify_all();
 }
 
@@ -274,36 +284,56 @@ void watchLease(const std::shared_ptr<LockHolding>& holding) {
 
 bool refreshHolding(LockHolding& holding, LockNumbers& numbers) {
   std::lock_guard<std::mutex> io(holding.io());
-  if (!holding.held() || !holding.mayWrite()) return true;
+  if (!holding.held()) return true;
   const double start = hostMonotonic();
-  const int value = numbers.next();
-  switch (rewriteIfOurs(holding.file(), holding.written(), value)) {
-    case Owned::kYes:
-      holding.wrote(value, start);
+  FileState written;
+  const Act act = Judgement(holding.file(), holding.written())
+                      .writeOver(
+                          numbers.next(), [&holding] { return holding.mayWrite(); }, &written);
+  switch (act) {
+    case Act::kDone:
+      holding.wrote(written, start);
       return true;
-    case Owned::kLost:
+    case Act::kChanged:
       holding.lose("the file was taken over");
       return true;
-    case Owned::kError:
+    case Act::kNotEntitled:  // the loss is recorded
+      return true;
+    case Act::kError:
       break;
   }
   return false;
 }
 
-Owned releaseHolding(LockHolding& holding, const std::string& directory, const Deadline& deadline) {
+Released releaseHolding(LockHolding& holding, const std::string& directory,
+                        const Deadline& deadline) {
   std::lock_guard<std::mutex> io(holding.io());
-  // A lost lock's file is somebody else's now, or soon will be.
-  Owned removed = Owned::kLost;
-  if (holding.mayWrite()) {
-    removed = removeIfOursWithin(holding.file(), holding.written(), deadline);
+  const Judgement ours(holding.file(), holding.written());
+  const Entitled entitled = [&holding] { return holding.mayWrite(); };
+  unsigned backOff = 1;
+  Act act;
+  // Retrying a refusal only delays the warning.
+  while ((act = ours.remove(entitled)) == Act::kError && !isRefusal(errno) && !deadline.passed()) {
     const int error = errno;
-    if (removed == Owned::kLost && !directoryGone(directory)) {
-      holding.lose("the file was taken over");
-    }
+    sleepWithin(backOff, deadline);
+    backOff = std::min(2 * backOff, kMaxBackOffMs);
     errno = error;
   }
+  const int error = errno;
+  // A lost lock's file is somebody else's now, or soon will be.
+  if (act == Act::kChanged && !directoryGone(directory)) holding.lose("the file was taken over");
   holding.drop();
-  return removed;
+  errno = error;
+  switch (act) {
+    case Act::kDone:
+      return Released::kRemoved;
+    case Act::kError:
+      return Released::kError;
+    case Act::kChanged:
+    case Act::kNotEntitled:
+      break;
+  }
+  return Released::kLost;
 }
 
 Holdings refreshOnce(const Holdings& holdings, LockNumbers& numbers) {

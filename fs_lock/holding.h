@@ -34,11 +34,11 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   // it (close() waits for that).
   ~LockHolding();
 
-  // Starts holding file, which holds `written` since a write started at
+  // Starts holding file, written as `written` by a write that started at
   // `start`; clears a past loss and arms the lease. The holder is this
   // process: in a child made by fork() the holding counts as not held, so
   // that the child never rewrites or removes its parent's file.
-  void hold(const std::string& file, int written, double start);
+  void hold(const std::string& file, const FileState& written, double start);
   // Nothing held any more: the lease is disarmed, lost() keeps its value.
   void drop();
   bool held() const;
@@ -50,13 +50,18 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   // it is held.
   std::mutex& io() { return io_; }
   std::string file() const;
-  int written() const;
+  // The file as this holder last wrote it (number, size, time, inode).
+  FileState written() const;
 
   // Whether this process holds the file and the lease allows a write that
   // starts now; records the loss if the lease ran out.
   bool mayWrite();
-  // A write that started at `start` succeeded with value.
-  void wrote(int value, double start);
+  // A write that started at `start` left the file as `written`.
+  void wrote(const FileState& written, double start);
+  // Whether the lease allows a change made now and the file is still as
+  // this holder last wrote it; records a loss otherwise. A read-back, for
+  // an act that this holding entitles.
+  bool confirm();
   // Records a loss (once per hold): one warning line naming the file; the
   // handler then runs on the loss notifier's thread.
   void lose(const char* why);
@@ -79,13 +84,12 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   std::mutex io_;
   std::string file_;
   pid_t owner_ = 0;
-  int written_ = 0;
+  FileState written_;
   bool held_ = false;
   bool lost_ = false;
   bool closed_ = false;
   double leaseEnd_ = 0.0;
   std::shared_ptr<LostHandler> handler_;
-  int handlersPending_ = 0;  // posted to the notifier, not yet finished
   bool handlerRunning_ = false;
   std::thread::id handlerThread_;
   std::condition_variable handlerDone_;
@@ -105,11 +109,18 @@ void notifyLoss(const std::shared_ptr<LockHolding>& holding);
 // content, then writes the next number. Returns false on a write error
 // (worth a retry); a loss is recorded in the holding.
 bool refreshHolding(LockHolding& holding, LockNumbers& numbers);
-// Gives a held file up: removes it if the lease allows and it still holds
-// the holding's number, retrying errors until the deadline; then drops the
-// holding. kLost when the file was no longer ours: recorded in the holding,
-// unless the whole directory has gone (the caller reports that).
-Owned releaseHolding(LockHolding& holding, const std::string& directory, const Deadline& deadline);
+enum class Released {
+  kRemoved,  // the file was ours and is gone
+  kLost,     // it was no longer ours: left alone
+  kError,    // it could not be removed; errno says why
+};
+
+// Gives a held file up: removes it if the lease allows and it is still as
+// the holder last wrote it, retrying errors until the deadline; then drops
+// the holding. kLost is recorded in the holding as a loss, unless the whole
+// directory has gone (the caller reports that).
+Released releaseHolding(LockHolding& holding, const std::string& directory,
+                        const Deadline& deadline);
 
 typedef std::vector<std::shared_ptr<LockHolding>> Holdings;
 

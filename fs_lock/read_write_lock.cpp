@@ -51,13 +51,26 @@ bool listNames(const std::string& directory, const char* prefix, std::vector<std
   return true;
 }
 
-// Whether path exists: 1, 0, or -1 when that cannot be told (errno says
-// why). Only a file known to be absent lets a reader in.
+// Whether something is at path: 1, 0, or -1 when that cannot be told
+// (errno says why). Only a name known to be free lets a reader in.
 int lockFilePresent(const std::string& path) {
-  struct stat st;
-  if (hostStat(path.c_str(), &st) == 0) return 1;
-  return errno == ENOENT ? 0 : -1;
+  FileState seen;
+  switch (lookAtName(path, &seen)) {
+    case Look::kFile:
+    case Look::kForeign:  // named by the stale test; it blocks like a holder
+      return 1;
+    case Look::kMissing:
+      return 0;
+    case Look::kError:
+      break;
+  }
+  return -1;
 }
+
+// A single attempt waits for the directory lock while others take it for
+// moments, but not for a holder that stays: a program holding the
+// directory's exclusive lock.
+constexpr double kSingleAttemptHolderPatience = 0.02;
 
 }  // namespace
 
@@ -71,7 +84,7 @@ DirectoryLockGuard::DirectoryLockGuard(koDirectoryExclusiveLock& lock, const Dea
       held_(singleAttempt
                 ? lock_.tryAtOnce() ||
                       lock_.acquireUntil(Deadline::afterSeconds(kSingleAttemptDirLockSeconds),
-                                         false, true)
+                                         false, true, kSingleAttemptHolderPatience)
                 : lock_.acquireUntil(deadline, false, true)) {
   directoryLocksHeld += held_;
 }
@@ -92,7 +105,7 @@ DirectoryLockGuard::~DirectoryLockGuard() {
 }
 
 bool DirectoryLockGuard::stillHeld() const {
-  return held_ && lock_.holding().mayWrite();
+  return held_ && lock_.holding().confirm();
 }
 
 }  // namespace korvel_detail
@@ -260,7 +273,7 @@ bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
       ScopedLock lock(dir->getMutex());
       remover.warned = &dir->staleWarned;
       Entry entry = okToAcquire();
-      if (entry == Entry::kBlocked && removeStaleFiles(&remover)) entry = okToAcquire();
+      if (entry == Entry::kBlocked && removeStaleFiles(&remover, guard)) entry = okToAcquire();
       if (entry == Entry::kRefused) {
         const int error = errno;
         warningLog << "FS_LOCK: cannot look into " << dir->directory << ": " << errorText(error)
@@ -301,14 +314,14 @@ void Handle::startRefresh(bool noRefresh) {
 
 Create Handle::enter(const DirectoryLockGuard& guard) {
   std::string made;
-  int written = 0;
+  FileState written;
   double since = 0.0;
   const Create created = createFile(&made, &written, &since);
   if (created != Create::kMade) return created;
   if (!guard.stillHeld()) {
     // The directory lock was lost while the file was made: others may have
     // looked meanwhile. Take it back and look again.
-    removeIfOurs(made, written);
+    Judgement(made, written).remove([] { return true; });
     return Create::kTaken;
   }
   hasFile = true;
@@ -322,15 +335,14 @@ Create Handle::enter(const DirectoryLockGuard& guard) {
   return Create::kMade;
 }
 
-Create Handle::createFile(std::string* made, int* written, double* since) {
+Create Handle::createFile(std::string* made, FileState* written, double* since) {
   for (int tries = 0; tries < kNameTries; ++tries) {
     const double start = hostMonotonic();
     const int value = dir->numbers.next();
     const std::string name = lockFileName(value);
-    const Create result = createLockFile(dir->directory, name, write ? 0666 : 0777, value);
+    const Create result = createLockFile(dir->directory, name, write ? 0666 : 0777, value, written);
     if (result == Create::kMade) {
       *made = name;
-      *written = value;
       *since = start;
       return result;
     }
@@ -347,20 +359,23 @@ Create Handle::createFile(std::string* made, int* written, double* since) {
   return Create::kTaken;
 }
 
-bool Handle::removeStaleFiles(koStaleLockRemover* remover) {
+bool Handle::removeStaleFiles(koStaleLockRemover* remover, const DirectoryLockGuard& guard) {
   std::vector<std::string> names;
   if (!listNames(dir->directory, korvel_protocol::kNamePrefix, &names)) return false;
   const std::string writeName = korvel_protocol::kWriteLockName + 1;
   const std::string readPrefix = korvel_protocol::kReadLockPrefix + 1;
   for (const std::string& name : names) {
     if (name == writeName || name.compare(0, readPrefix.size(), readPrefix) == 0) {
-      remover->update((dir->directory + "/" + name).c_str());
+      remover->update(dir->directory + "/" + name);
     }
   }
-  const bool found = !remover->staleFiles.empty();
-  for (const std::string& stale : remover->staleFiles) remover->removeStaleFile(stale);
+  bool removed = false;
+  const Entitled entitled = [&guard] { return guard.stillHeld(); };
+  for (const Judgement& stale : remover->staleFiles) {
+    removed = remover->removeStaleFile(stale, entitled) == Act::kDone || removed;
+  }
   remover->staleFiles.clear();
-  return found;
+  return removed;
 }
 
 Handle::Entry Handle::okToAcquire() {
@@ -416,25 +431,29 @@ bool Handle::releaseFile(const Deadline& deadline) {
   } else {
     dir->readLocks.erase(file);
   }
-  if (refreshed) {
-    refreshed = false;
-    dir->stopRefreshing(holding);
-  }
-  Owned removed;
+  Released removed;
   {
     // Removing our own file cannot let a conflicting holder in: try the
     // directory lock once, as others expect, and go on without it.
     DirectoryLockGuard guard(dir->dirLock, DirectoryLockGuard::kAtOnce);
     removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds));
   }
-  if (removed != Owned::kYes && directoryGone(dir->directory)) {
+  // The file went first: the next holder need not wait for the refresh
+  // thread to stop.
+  const int error = errno;
+  if (refreshed) {
+    refreshed = false;
+    dir->stopRefreshing(holding);
+  }
+  errno = error;
+  if (removed != Released::kRemoved && directoryGone(dir->directory)) {
     throwNoSuchDirectory(dir->directory);
   }
-  if (removed == Owned::kLost) {
+  if (removed == Released::kLost) {
     errno = ENOLCK;
     return false;
   }
-  if (removed == Owned::kError) {
+  if (removed == Released::kError) {
     const int error = errno;
     // The call-site numbers are kept: scripts match these lines.
     warningLog << "FS_LOCK: failed to remove " << file << "(" << (write ? 1570 : 1523) << ")"
@@ -456,7 +475,7 @@ void Handle::downgrade(const Deadline& deadline, bool singleAttempt, Impl& reade
   ScopedLock lock(dir->getMutex());
   if (!dir->invariants() || count <= 0 || !hasFile || !holding->mayWrite()) return;
   std::string made;
-  int written = 0;
+  FileState written;
   double since = 0.0;
   if (reader.createFile(&made, &written, &since) != Create::kMade) return;
   reader.hasFile = true;

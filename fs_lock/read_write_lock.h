@@ -155,13 +155,14 @@ class koDirectoryReadWriteLock::AbstractLock::Impl {
   // Makes a new lock file for this handle; kMade with its name, number and
   // the time its write started. REQUIRES: dir's mutex and the directory
   // lock held.
-  Create createFile(std::string* made, int* written, double* since);
+  Create createFile(std::string* made, FileState* written, double* since);
   // Makes the lock file and records it as held (count 1), if the directory
   // lock was still ours throughout. REQUIRES: as above.
   Create enter(const DirectoryLockGuard& guard);
-  // Removes the lock files that have gone stale; true when there were any.
-  // REQUIRES: as above.
-  bool removeStaleFiles(koStaleLockRemover* remover);
+  // Removes the lock files that have gone stale, each only while guard
+  // still holds the directory lock; true when it removed any. REQUIRES: as
+  // above.
+  bool removeStaleFiles(koStaleLockRemover* remover, const DirectoryLockGuard& guard);
   // Gives the held file up: removes it if it is still ours. False when it
   // was lost. REQUIRES: dir's mutex held.
   bool releaseFile(const Deadline& deadline);

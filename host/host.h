@@ -57,6 +57,13 @@ KORVEL_HOST_API unsigned hostRandom();
 // This process's id. The default asks the kernel once per process (and
 // again in a child made by fork()), not on every call.
 KORVEL_HOST_API pid_t hostProcessId();
+// The real user id of this process (getuid(2)).
+KORVEL_HOST_API uid_t hostUserId();
+// A directory on this host, shared by its processes and gone at reboot,
+// where the locks keep what this host has learnt about lock files (what it
+// has seen of them, and which of its own processes hold them). The default
+// is "/dev/shm"; null means there is none.
+KORVEL_HOST_API const char* hostLocalStateDirectory();
 
 // Releases a block returned by a host operation (hostGetDirList). Accepts
 // null.
@@ -124,6 +131,11 @@ KORVEL_HOST_API void* host_join_thread(korvel_host_thread_t handle);
 // remove(3): unlinks a file or removes an empty directory. Returns 0, or -1
 // with errno set.
 KORVEL_HOST_API int hostRemoveFile(const char* path);
+// unlink(2): removes a name, never a directory. Returns 0, or -1 with errno
+// set. The locks remove their files with it.
+KORVEL_HOST_API int hostUnlink(const char* path);
+// rename(2). Returns 0, or -1 with errno set.
+KORVEL_HOST_API int hostRename(const char* from, const char* to);
 
 // open(2) followed by close(2): creates or opens the file with flags and
 // mode and closes it at once. Returns 0, or -1 with errno set.
@@ -213,6 +225,9 @@ KORVEL_HOST_API double hostDefaultRealSeconds(double seconds);
 KORVEL_HOST_API pid_t hostDefaultProcessId();
 KORVEL_HOST_API char* hostDefaultGetDirList(const char* pathPattern, int flags);
 KORVEL_HOST_API int hostDefaultRemoveFile(const char* path);
+KORVEL_HOST_API int hostDefaultUnlink(const char* path);
+KORVEL_HOST_API int hostDefaultRename(const char* from, const char* to);
+KORVEL_HOST_API const char* hostDefaultLocalStateDirectory();
 KORVEL_HOST_API int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode);
 KORVEL_HOST_API int hostDefaultOpen(const char* path, int flags, unsigned mode);
 KORVEL_HOST_API int hostDefaultClose(int fd);

@@ -14,6 +14,18 @@ int hostDefaultRemoveFile(const char* path) {
   return remove(path);
 }
 
+int hostDefaultUnlink(const char* path) {
+  return unlink(path);
+}
+
+int hostDefaultRename(const char* from, const char* to) {
+  return rename(from, to);
+}
+
+const char* hostDefaultLocalStateDirectory() {
+  return "/dev/shm";
+}
+
 int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode) {
   const int fd = hostOpen(path, flags, mode);
   if (fd < 0) return -1;
@@ -88,6 +100,9 @@ int hostDefaultChmod(const char* path, unsigned mode) {
 }  // extern "C"
 
 KORVEL_WEAK_DEFAULT(hostRemoveFile, hostDefaultRemoveFile);
+KORVEL_WEAK_DEFAULT(hostUnlink, hostDefaultUnlink);
+KORVEL_WEAK_DEFAULT(hostRename, hostDefaultRename);
+KORVEL_WEAK_DEFAULT(hostLocalStateDirectory, hostDefaultLocalStateDirectory);
 KORVEL_WEAK_DEFAULT(hostOpenAndClose, hostDefaultOpenAndClose);
 KORVEL_WEAK_DEFAULT(hostOpen, hostDefaultOpen);
 KORVEL_WEAK_DEFAULT(hostClose, hostDefaultClose);
