@@ -21,7 +21,8 @@
 //                                                  when it cannot write it)
 //   .deploy_lock.N, N>0   a waiter's queue place   its owner, once it moved down
 //                         (exclusive create)       or gave up; a stale one is
-//                                                  taken over like level 0
+//                                                  taken over like level 0, and
+//                                                  swept by the next holder
 //                                                  (korvel-lock --clean removes
 //                                                  stale files of any kind)
 //   .deploy_write_lock    the writer, under the    the writer on release (or
@@ -34,17 +35,41 @@
 //
 // Ownership is decided by exclusive creation (O_CREAT|O_EXCL), the one
 // atomic step a network file system reliably offers. An owner keeps its
-// file by rewriting it every 5 s (kRefreshPeriodMs), which moves its
-// modification time. A file more than 15 s (kStaleSeconds) behind belongs to
-// a dead holder and may be taken over or removed.
+// file by rewriting it every 5 s (kRefreshPeriodMs): a new number, and a new
+// modification time. A holder that stopped rewriting for 15 s
+// (kStaleSeconds) is dead, and its file may be taken over or removed.
 //
-// AGE
+// A DEAD HOLDER, AND HOW A WAITER KNOWS
 //
-// Age is judged only by the file server's clock. The tester writes a fresh
-// file beside the lock file and compares the two modification times, both
-// set by the same server, so skew between client hosts never matters. Times
-// have whole-second resolution: a dead holder's file is broken 15 to 17 s
-// after its last refresh.
+// File times alone never decide that a recently active holder is dead: a
+// file server's clock may step (an NTP step, a resumed virtual machine),
+// and some file systems stamp writes with the writing client's clock. A
+// waiter judges by what it sees itself: a file is stale when this host has
+// seen it unchanged (same device and inode, size, modification time and
+// number; read with open and fstat, which a cached stat cannot fake) for
+// more than kObservationSeconds = kLeaseSeconds + 1 = 15 s by its own
+// monotonic clock. Monotonic clocks on different hosts run at one rate,
+// whatever their settings. The arithmetic: the holder's last successful
+// refresh started at S and was written before the waiter first saw its
+// result, at W >= S; the holder gives the lock up at S + 14 <= W + 14; the
+// waiter takes over after W + 15: a second after the holder let go. A
+// waiter that was waiting when the holder died first sees the last state
+// within a poll of it, and takes over about 15 s after the last refresh
+// (at most 17.5 s). One that arrives later waits a full observation period
+// from its arrival. This host's earlier sightings count too: each waiter
+// leaves what it saw of files that stood still in a record of its user's
+// under hostLocalStateDirectory() (trusted only when the user's own, and
+// closed to others), so that a single attempt (a time-out of 0, a cron
+// job's "korvel-lock -n") takes over once an earlier attempt on this host
+// saw the same file 15 s before.
+//
+// A file more than kLongDeadSeconds (10 minutes) old by the file server's
+// clock is taken at once. The server's time is learnt by writing a fresh
+// file beside the lock file (once per state seen) and reading its time:
+// both times come from the same clock, so skew between hosts does not
+// matter. The window this leaves: a server clock step, or a client-stamped
+// time, more than 10 minutes off makes a live holder's file look long
+// dead.
 //
 // THE EXCLUSIVE LOCK'S QUEUE
 //
@@ -52,13 +77,14 @@
 // from 0 (after one 10 ms poll, so that waiters already queued go first),
 // then works its way down: it creates the next lower level exclusively and
 // removes its own. While the level below is taken it polls every 10 ms
-// (kPollMs), rewriting its own queue file, and runs the stale test on the
-// level below, afresh at every poll. A stale level is taken over by the
-// waiter directly above it, which writes its own number into the file in
-// place; only that waiter may, since it alone owns the level above, so it
-// makes sure of its own level (its lease, and its number read back) right
-// before. A time-out of 0 makes one pass of this: one level down, the stale
-// test included, no waiting.
+// (kPollMs), rewriting its own queue file, and looks at the level below at
+// every poll. A stale level is taken over by the waiter directly above it,
+// which writes its own number into the file in place; only that waiter may,
+// since it alone owns the level above. A time-out of 0 makes one pass of
+// this: one level down, the stale test included, no waiting. After each
+// acquisition the holder looks at the levels above and removes the places
+// of killed waiters that are stale (by the same rule), so that they do not
+// stay for good once the lock is free.
 //
 // THE READ-WRITE LOCK
 //
@@ -72,7 +98,7 @@
 // before the create and once after: a file made under a lock lost meanwhile
 // is taken back). A blocked acquirer removes whatever lock files have gone
 // stale, looks again, then lets the directory lock go and polls again after
-// 10 ms. A file whose existence cannot be told (a stat error other than
+// 10 ms. A name whose state cannot be told (an lstat error other than
 // "no such file") counts as a blocker, never as absent. Read locks
 // are found by listing the directory literally, never through a wildcard
 // in the directory's own name; a directory that cannot be listed keeps the
@@ -80,36 +106,64 @@
 // with or without it: removing one's own file cannot let a conflicting
 // holder in.
 //
+// ACTING ON A JUDGEMENT
+//
+// Every act on a lock file is made through one step (Judgement): a waiter's
+// removal of a stale file or takeover of a stale level, a holder's refresh
+// and its release. Right before the act it checks (a) that the actor still
+// holds what entitles it: a read-write waiter its directory lock (its lease,
+// and the level-0 file read back as it wrote it), a queue waiter its own
+// place (its lease, and its place rewritten after reading it back), a holder
+// its own lease; and (b) that the file is still the one judged (its state,
+// as above). Otherwise it does nothing, and the file is judged afresh. A
+// takeover writes through the descriptor it checked, then makes sure that
+// the name still leads to that file.
+//
 // WHAT A HOLDER KNOWS
 //
-// A holder remembers the number it last wrote into each file it holds. It
-// reads the file back before every rewrite and before every removal. A file
-// that is missing, or holds another number, has been taken over (its holder
-// was stopped or cut off for more than 15 s): the holder neither rewrites,
-// re-creates nor removes it, stops refreshing it, writes one warning line
-// naming it and records the loss (lost(), and the lost handler).
+// A holder remembers the state of each file it holds as it last wrote it
+// (the number, and what fstat said right after: size, modification time,
+// inode). A file that is missing, or in any other state, has been taken over
+// (its holder was stopped or cut off for more than 15 s), even when the
+// bytes it reads look like its own (a cache may serve old content): the
+// holder neither rewrites, re-creates nor removes it, stops refreshing it,
+// writes one warning line naming it and records the loss (lost(), and the
+// lost handler).
 //
 // A holder also keeps a lease: it gives its lock up for lost 14 s
 // (kLeaseSeconds) after the start of its last successful refresh, on its
 // own clock (one that never steps and counts a suspend), whether or not the
-// file system answers. A waiter can
-// judge the file stale only when the server's whole-second times differ by
-// more than 15, more than 15 real seconds after that refresh reached the
-// server; so the holder learns first, by about a second. A lease timer
-// thread that never touches the file system ends leases on time even while
-// the lock's own threads hang in a dead mount.
+// file system answers; a waiter takes over only a second later (above). A
+// lease timer thread that never touches the file system ends leases on time
+// even while the lock's own threads hang in a dead mount.
 //
 // Known windows, which no protocol on plain files can close:
-//   - Between reading a file back and unlinking or rewriting it, or taking
-//     the level below over (microseconds), another holder could take it
-//     over; the unlink or write would then hit its file. It takes a holder
-//     stopped for more than 15 s exactly there, and a waiter taking over at
-//     that very moment.
+//   - Between the check of a judgement and the act (microseconds), another
+//     holder could take the file over; an unlink would then remove its
+//     file. It takes an actor stopped for more than 15 s exactly there, and
+//     a waiter taking over at that very moment.
 //   - A refresh write that the file server applies more than a second after
 //     it was sent (a stalled network) may land after a takeover.
+//   - A server clock step, or client-stamped file times, more than 10
+//     minutes off (kLongDeadSeconds) make a live holder's file look long
+//     dead.
 //   - Mutual exclusion needs the holder to refresh within 15 s: a lock taken
 //     without refresh must be released sooner, and a job that empties the
 //     locked directory drops the lock with it.
+//
+// SHARED DIRECTORIES
+//
+// Whatever sits under a lock-file name may have been planted by another
+// user. The locks never follow a symbolic link there (O_NOFOLLOW, lstat,
+// and O_EXCL on every create), never block in open (O_NONBLOCK), look at
+// the name before they open a file they do not own, and act only on
+// regular files. Anything else is foreign: it blocks the lock like a live
+// holder, is named once on the warning channel, and is never read, written
+// or removed (korvel-lock --clean --force removes it). Lock files are
+// removed with unlink, never remove(3), which would take an empty
+// directory. A stale file that this user may not break (another user's, in
+// a sticky directory) is waited out until the deadline, and named once with
+// its owner.
 //
 // KEPT ON PURPOSE
 //
@@ -136,8 +190,10 @@
 //       with a bounded wait only.
 //   ERROR: waiting for a refresh loop (its mutex) while holding the
 //       directory lock; anything while holding a holding's mutex; a loss
-//       handler run with any lock's mutex held (handlers run on a thread of
-//       their own).
+//       handler run with any lock's mutex held (handlers run, one at a
+//       time, on a thread of their own; closing a holding waits only for a
+//       handler running on another thread, so a handler may destroy any
+//       lock, its own included).
 // The first ERROR is checked at run time (KORVEL_CHECK). A waiting acquirer
 // holds only its handle's own acquisition mutex, never the object's, so
 // releases and the refresh go on meanwhile. A holding's file operations are
