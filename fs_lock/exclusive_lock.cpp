@@ -11,6 +11,7 @@
 #include <sstream>
 #include <vector>
 
+#include "fs_lock/watch.h"
 #include "host/exception_list.h"
 #include "host/host.h"
 
@@ -151,7 +152,7 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
       }
       if (singleAttempt_ || deadline_.passed()) return giveUp(timedOut());
       verboseLog << lock_.name_ << ": Sleeping" << std::endl;
-      sleepWithin(backOff_, deadline_);
+      pause();
       if (keepPlace() == Place::kLost) return false;
     }
     return true;
@@ -299,6 +300,14 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
     return Place::kUnsure;
   }
 
+  // One poll, cut short when the level below goes (on this host).
+  void pause() {
+    if (!watch_) watch_.reset(new DirectoryWatch(lock_.directory_));
+    const std::string below =
+        std::string(korvel_protocol::kLevelPrefix + 1) + std::to_string(level_ - 1);
+    watch_->sleep(backOff_, deadline_, [&below](const std::string& name) { return name == below; });
+  }
+
   void placeLost(const char* why) {
     warningLog << "FS_LOCK: lost the queue place " << lock_.levelFile(level_) << ": " << why
                << std::endl;
@@ -358,7 +367,8 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   const Deadline& deadline_;
   const bool singleAttempt_;
   const double holderPatience_;
-  koStaleLockRemover judge_;  // its sightings last the whole walk
+  koStaleLockRemover judge_;               // its sightings last the whole walk
+  std::unique_ptr<DirectoryWatch> watch_;  // made at the first wait
   int level_ = -1;
   FileState written_;  // the own place as last written
   double since_ = 0.0;

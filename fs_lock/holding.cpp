@@ -27,12 +27,17 @@ void LockHolding::hold(const std::string& file, const FileState& written, double
     leaseEnd_ = start + korvel_protocol::kLeaseSeconds;
   }
   watchLease(shared_from_this());
+  std::lock_guard<std::mutex> io(io_);
+  registration_.reset(new Registration(written));
 }
 
 void LockHolding::drop() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  held_ = false;
-  leaseEnd_ = 0.0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_ = false;
+    leaseEnd_ = 0.0;
+  }
+  registration_.reset();  // REQUIRES: io_ held, as by releaseHolding
 }
 
 bool LockHolding::held() const {
@@ -66,10 +71,13 @@ bool LockHolding::mayWrite() {
 }
 
 void LockHolding::wrote(const FileState& written, double start) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (lost_ || !held_) return;
-  written_ = written;
-  leaseEnd_ = start + korvel_protocol::kLeaseSeconds;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (lost_ || !held_) return;
+    written_ = written;
+    leaseEnd_ = start + korvel_protocol::kLeaseSeconds;
+  }
+  if (registration_) registration_->update(written);  // REQUIRES: io_ held
 }
 
 bool LockHolding::confirm() {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fs_lock/lock_file.h"
+#include "fs_lock/this_host.h"
 #include "korvel/threads.h"
 #include "threads/loop_wait.h"
 
@@ -40,6 +41,7 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   // that the child never rewrites or removes its parent's file.
   void hold(const std::string& file, const FileState& written, double start);
   // Nothing held any more: the lease is disarmed, lost() keeps its value.
+  // REQUIRES: io() held.
   void drop();
   bool held() const;
   // Held by the process this one was forked from: nothing may be done with
@@ -57,6 +59,7 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   // starts now; records the loss if the lease ran out.
   bool mayWrite();
   // A write that started at `start` left the file as `written`.
+  // REQUIRES: io() held.
   void wrote(const FileState& written, double start);
   // Whether the lease allows a change made now and the file is still as
   // this holder last wrote it; records a loss otherwise. A read-back, for
@@ -90,6 +93,7 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   bool closed_ = false;
   double leaseEnd_ = 0.0;
   std::shared_ptr<LostHandler> handler_;
+  std::unique_ptr<Registration> registration_;  // this host's record of it; guarded by io_
   bool handlerRunning_ = false;
   std::thread::id handlerThread_;
   std::condition_variable handlerDone_;

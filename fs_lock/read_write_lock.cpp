@@ -11,6 +11,7 @@
 #include <new>
 #include <sstream>
 
+#include "fs_lock/watch.h"
 #include "host/exception_list.h"
 #include "host/host.h"
 
@@ -262,6 +263,12 @@ bool Handle::acquireNested() {
 }
 
 bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
+  std::unique_ptr<DirectoryWatch> watch;  // made at the first wait
+  const std::string writeName = korvel_protocol::kWriteLockName + 1;
+  const std::string readPrefix = korvel_protocol::kReadLockPrefix + 1;
+  const DirectoryWatch::Wanted blocker = [&](const std::string& name) {
+    return name == writeName || (write && name.compare(0, readPrefix.size(), readPrefix) == 0);
+  };
   koStaleLockRemover remover;
   remover.deadline = deadline;
   unsigned backOff = kPollMs;
@@ -292,11 +299,12 @@ bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
         backOff = std::min(2 * backOff, kMaxBackOffMs);
       }
     }
-    sleepWithin(backOff, deadline);
     if (singleAttempt || deadline.passed()) {
       errno = transientError != 0 ? transientError : ETIMEDOUT;
       return false;
     }
+    if (!watch) watch.reset(new DirectoryWatch(dir->directory));
+    watch->sleep(backOff, deadline, blocker);
   }
 }
 

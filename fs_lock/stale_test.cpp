@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "fs_lock/this_host.h"
 #include "host/host.h"
 
 using korvel_protocol::kLongDeadSeconds;
@@ -23,120 +24,6 @@ constexpr double kStillSeconds = korvel_protocol::kRefreshPeriodMs / 1000.0;
 
 // What the stale test writes into its fresh files: nobody reads it.
 std::atomic<unsigned> freshFileNumbers{0};
-
-// What this user's processes on this host have seen of lock files: one
-// small file per lock file (by device and inode) in a directory of the
-// user's own under hostLocalStateDirectory(), holding the state seen and
-// when it was first seen on hostMonotonic(), which all processes of the
-// host share. Only a directory and files owned by this user, and closed to
-// others, are trusted: anyone may write under /dev/shm.
-class HostRecord {
- public:
-  HostRecord() {
-    const char* base = hostLocalStateDirectory();
-    if (base == nullptr || *base == '\0') return;
-    const uid_t uid = hostUserId();
-    const std::string dir = std::string(base) + "/korvel-" + std::to_string(uid);
-    hostMkdir(dir.c_str(), 0700);
-    struct stat st;
-    if (hostLstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != uid ||
-        (st.st_mode & 077) != 0) {
-      return;
-    }
-    dir_ = dir;
-  }
-
-  // When this host first saw the file in this state, or 0.
-  double firstSeen(const FileState& state) const {
-    if (dir_.empty()) return 0.0;
-    const int fd =
-        hostOpen(nameOf(state).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0);
-    if (fd < 0) return 0.0;
-    char text[160];
-    struct stat st;
-    const ssize_t n = hostPread(fd, text, sizeof text - 1, 0);
-    const bool trusted =
-        hostFstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == hostUserId();
-    hostClose(fd);
-    if (!trusted || n <= 0) return 0.0;
-    text[n] = '\0';
-    return parse(text, state);
-  }
-
-  void remember(const FileState& state, double firstSeen) const {
-    if (dir_.empty()) return;
-    const std::string name = nameOf(state);
-    const std::string temporary = name + "." + std::to_string(hostProcessId());
-    char text[160];
-    const int length = snprintf(
-        text, sizeof text, "%lld %ld %lld %d %d %.6f\n", static_cast<long long>(state.size),
-        state.mtimeNanos, state.mtimeSeconds, state.hasNumber ? 1 : 0, state.number, firstSeen);
-    const int fd =
-        hostOpen(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) return;
-    const bool written = hostWrite(fd, text, length) == length;
-    if (hostClose(fd) == 0 && written && hostRename(temporary.c_str(), name.c_str()) == 0) return;
-    hostUnlink(temporary.c_str());
-  }
-
-  void forget(const FileState& state) const {
-    if (!dir_.empty()) hostUnlink(nameOf(state).c_str());
-  }
-
-  // Drops the records of files first seen before `before`: a file as old
-  // as that is long dead by the server's clock too, or was changed since.
-  void prune(double before) const {
-    if (dir_.empty()) return;
-    char* listing = hostGetDirList((dir_ + "/seen-*").c_str(), 0);
-    if (listing == nullptr) return;
-    for (const char* name = listing; *name != '\0'; name += strlen(name) + 1) {
-      const std::string path = dir_ + "/" + name;
-      const int fd = hostOpen(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0);
-      if (fd < 0) continue;
-      char text[160];
-      const ssize_t n = hostPread(fd, text, sizeof text - 1, 0);
-      hostClose(fd);
-      double firstSeen = 0.0;
-      text[n > 0 ? n : 0] = '\0';
-      // NOLINTNEXTLINE(cert-err34-c): a record that does not parse goes too
-      if (sscanf(text, "%*d %*d %*d %*d %*d %lf", &firstSeen) != 1 || firstSeen < before) {
-        hostUnlink(path.c_str());
-      }
-    }
-    hostFree(listing);
-  }
-
- private:
-  std::string nameOf(const FileState& state) const {
-    char name[64];
-    snprintf(name, sizeof name, "/seen-%" PRIx64 "-%" PRIx64, static_cast<uint64_t>(state.device),
-             static_cast<uint64_t>(state.inode));
-    return dir_ + name;
-  }
-
-  static double parse(const char* text, const FileState& state) {
-    long long size = 0;
-    long nanos = 0;
-    long long seconds = 0;
-    int hasNumber = 0;
-    int number = 0;
-    double firstSeen = 0.0;
-    // NOLINTNEXTLINE(cert-err34-c): a record that does not parse is no record
-    if (sscanf(text, "%lld %ld %lld %d %d %lf", &size, &nanos, &seconds, &hasNumber, &number,
-               &firstSeen) != 6) {
-      return 0.0;
-    }
-    FileState recorded = state;
-    recorded.size = size;
-    recorded.mtimeNanos = nanos;
-    recorded.mtimeSeconds = seconds;
-    recorded.hasNumber = hasNumber != 0;
-    recorded.number = number;
-    return recorded.sameAs(state) ? firstSeen : 0.0;
-  }
-
-  std::string dir_;  // empty: no record on this host
-};
 
 koStaleLockRemover::Verdict verdictOf(Look look) {
   switch (look) {
@@ -157,7 +44,7 @@ koStaleLockRemover::Verdict verdictOf(Look look) {
 koStaleLockRemover::~koStaleLockRemover() {
   const int error = errno;  // what the attempt that ends here says
   try {
-    const HostRecord record;
+    const Sightings record;
     const double now = hostMonotonic();
     bool remembered = false;
     for (const auto& entry : sightings_) {
@@ -190,10 +77,20 @@ koStaleLockRemover::Verdict koStaleLockRemover::judge(const std::string& lockFil
     sightings_.erase(lockFile);
     return found;
   }
-  const Sighting& sighting = sight(lockFile, *seen);
+  Sighting& sighting = sight(lockFile, *seen);
+  // A file that changes at every poll is a live waiter's: what the host
+  // remembers and the server's time are asked only of one that stands
+  // still, or looks old.
+  if (!sighting.aged &&
+      (hostMonotonic() - sighting.firstSeen >= 1.0 ||
+       hostRealtime() - static_cast<double>(seen->mtimeSeconds) > kObservationSeconds)) {
+    age(lockFile, &sighting);
+  }
   const double watched = hostMonotonic() - sighting.firstSeen;
-  const bool stale =
-      watched > kObservationSeconds || sighting.serverAge + watched > kLongDeadSeconds;
+  // The holder's own host may know it ended: that stands in for the wait.
+  const bool stale = watched > kObservationSeconds ||
+                     sighting.serverAge + watched > kLongDeadSeconds ||
+                     korvel_detail::holderEnded(*seen);
   verboseLog << "koStaleLockRemover::update: " << lockFile << " unchanged for " << watched << " s, "
              << sighting.serverAge + watched << " s old by the server" << (stale ? ": stale" : "")
              << std::endl;
@@ -204,13 +101,21 @@ koStaleLockRemover::Sighting& koStaleLockRemover::sight(const std::string& lockF
                                                         const FileState& state) {
   Sighting& sighting = sightings_[lockFile];
   if (sighting.firstSeen != 0.0 && sighting.state.sameAs(state)) return sighting;
-  const double now = hostMonotonic();
-  const double earlier = HostRecord().firstSeen(state);
+  sighting = Sighting();
   sighting.state = state;
-  sighting.recorded = earlier != 0.0;
-  sighting.firstSeen = earlier != 0.0 && earlier < now ? earlier : now;
-  sighting.serverAge = serverAge(lockFile, state) - (now - sighting.firstSeen);
+  sighting.firstSeen = hostMonotonic();
   return sighting;
+}
+
+void koStaleLockRemover::age(const std::string& lockFile, Sighting* sighting) {
+  const double now = hostMonotonic();
+  const double earlier = Sightings().firstSeen(sighting->state);
+  if (earlier != 0.0 && earlier < sighting->firstSeen) {
+    sighting->firstSeen = earlier;
+    sighting->recorded = true;
+  }
+  sighting->serverAge = serverAge(lockFile, sighting->state) - (now - sighting->firstSeen);
+  sighting->aged = true;
 }
 
 double koStaleLockRemover::serverAge(const std::string& lockFile, const FileState& state) {
@@ -238,7 +143,7 @@ Act koStaleLockRemover::removeStaleFile(const Judgement& stale, const Entitled& 
     sleepWithin(1, patience);
   }
   if (act == Act::kDone) {
-    HostRecord().forget(stale.state());
+    Sightings().forget(stale.state());
     forget(stale.path());
   }
   if (act != Act::kError || !warned->insert(stale.path()).second) return act;

@@ -64,10 +64,13 @@ class koStaleLockRemover {
     double firstSeen = 0.0;     // hostMonotonic(), this host's earliest
     double serverAge = -1e300;  // server seconds since its change, at firstSeen
     bool recorded = false;      // this host's record already says so
+    bool aged = false;          // serverAge and the record were asked
   };
 
   // A sighting of state, new or continued.
   Sighting& sight(const std::string& lockFile, const FileState& state);
+  // Asks the host's record and the file server how old the sighting is.
+  void age(const std::string& lockFile, Sighting* sighting);
   // Asks the file server its time with a fresh file beside lockFile.
   double serverAge(const std::string& lockFile, const FileState& state);
   void warnForeign(const std::string& lockFile, const FileState& state);

@@ -18,6 +18,7 @@
 #ifndef KORVEL_HOST_HOST_H_
 #define KORVEL_HOST_HOST_H_
 
+#include <fcntl.h>
 #include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -162,6 +163,21 @@ KORVEL_HOST_API char* hostRealpath(const char* path, char* resolved);
 KORVEL_HOST_API int hostMkdir(const char* path, unsigned mode);
 KORVEL_HOST_API int hostChmod(const char* path, unsigned mode);
 
+// Watching directories for changes (inotify(7)), waiting for a descriptor
+// and open-file-description locks. The same conventions: -1 (or 0 from
+// hostPoll on a time-out) with errno set.
+// inotify_init1(2).
+KORVEL_HOST_API int hostInotifyInit(int flags);
+// inotify_add_watch(2) and inotify_rm_watch(2).
+KORVEL_HOST_API int hostInotifyAddWatch(int fd, const char* path, uint32_t mask);
+KORVEL_HOST_API int hostInotifyRmWatch(int fd, int watch);
+// Waits up to ms milliseconds (-1: without limit) until fd can be read:
+// 1, 0 on a time-out, -1 on failure.
+KORVEL_HOST_API int hostWaitReadable(int fd, int ms);
+// fcntl(2) with an open-file-description lock command (F_OFD_SETLK,
+// F_OFD_GETLK) and its struct flock.
+KORVEL_HOST_API int hostLockControl(int fd, int command, struct flock* lock);
+
 // ---- Shared libraries ----
 
 // Loads (or takes another reference to) the shared library at path; null on
@@ -228,6 +244,11 @@ KORVEL_HOST_API int hostDefaultRemoveFile(const char* path);
 KORVEL_HOST_API int hostDefaultUnlink(const char* path);
 KORVEL_HOST_API int hostDefaultRename(const char* from, const char* to);
 KORVEL_HOST_API const char* hostDefaultLocalStateDirectory();
+KORVEL_HOST_API int hostDefaultInotifyInit(int flags);
+KORVEL_HOST_API int hostDefaultInotifyAddWatch(int fd, const char* path, uint32_t mask);
+KORVEL_HOST_API int hostDefaultInotifyRmWatch(int fd, int watch);
+KORVEL_HOST_API int hostDefaultWaitReadable(int fd, int ms);
+KORVEL_HOST_API int hostDefaultLockControl(int fd, int command, struct flock* lock);
 KORVEL_HOST_API int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode);
 KORVEL_HOST_API int hostDefaultOpen(const char* path, int flags, unsigned mode);
 KORVEL_HOST_API int hostDefaultClose(int fd);

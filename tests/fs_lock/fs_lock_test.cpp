@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -431,7 +432,8 @@ TEST_F(FsLockTest, UnremovableQueueFileIsReported) {
 class LockProcessTest : public FsLockTest {
  protected:
   pid_t start(const std::vector<std::string>& args, const std::string& out = "",
-              const std::vector<std::string>& env = {}, const std::string& err = "") {
+              std::vector<std::string> env = {}, const std::string& err = "") {
+    env.push_back("KORVEL_TEST_STATE_DIR=" + korvel_test::localStateDirectory());
     return korvel_test::spawn(KORVEL_LOCK_CHILD, args, env, out, err);
   }
   // A child holding dir's lock of kind, once it says so.
@@ -498,6 +500,67 @@ TEST_F(LockProcessTest, HoldersLearnOfTheirLossAndLeaveTheNewHolderAlone) {
   EXPECT_FALSE(writing->lost());
   EXPECT_TRUE(exclusive->release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(writing->release(koForever, TimeUnit::sSeconds()));
+}
+
+// On one host the kernel can tell more than the files: a waiter is woken
+// when the level below goes, not at its next poll (here made 10 s long),
+// and a holder that died is known dead at once (its registration is no
+// longer locked). Without such evidence nothing is judged early, and
+// without notification the poll still serves.
+TEST_F(LockProcessTest, OnOneHostTheKernelTellsWhatItKnows) {
+  for (const bool watched : {true, false}) {
+    SCOPED_TRACE(watched ? "woken" : "polling");
+    korvel_test::clearHooks();
+    korvel_test::failWatches(!watched);
+    if (watched) korvel_test::scaleWaits(0.001);
+    koDirectoryExclusiveLock holder(dir_.path(), "holder");
+    koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
+    ASSERT_TRUE(holder.acquire(0, TimeUnit::sSeconds(), true));
+    std::atomic<bool> taken{false};
+    std::thread waiting([&] { taken = waiter.acquire(koForever, TimeUnit::sSeconds(), true); });
+    ASSERT_TRUE(korvel_test::eventually([&] { return koFileExists(level(1).c_str()); }, 5));
+    usleep(50000);
+    EXPECT_TRUE(holder.release());
+    EXPECT_TRUE(korvel_test::eventually([&] { return taken.load(); }, 2));
+    waiting.join();
+    EXPECT_TRUE(waiter.release());
+  }
+  korvel_test::clearHooks();
+
+  // A holder killed on this host: taken over at once.
+  const pid_t killed = holder(dir_.path(), "excl", at("killed.out"));
+  kill(killed, SIGKILL);
+  korvel_test::waitChild(killed);
+  koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(waiter.acquire(5, TimeUnit::sSeconds(), true));
+  EXPECT_LT(secondsSince(start), 1.0);
+  EXPECT_TRUE(waiter.release());
+
+  // No evidence: a holder not known here, one whose registration speaks of
+  // another number, one registered by a user other than the file's owner.
+  korvel_test::writeFile(level(0), "4242");
+  const FileState dead = stateOf(level(0));
+  char identity[64];
+  snprintf(identity, sizeof identity, "%lx-%lx", static_cast<unsigned long>(dead.device),
+           static_cast<unsigned long>(dead.inode));
+  const std::string registration =
+      korvel_test::localStateDirectory() + "/korvel-holders/" + identity + "-4242";
+  struct Planted {
+    const char* number;  // what the registration says; none at all when empty
+    uid_t owner;
+  };
+  const Planted planted[] = {{"", 0}, {"4243", 0}, {"4242", korvel_test::kNobody}};
+  for (const Planted& p : planted) {
+    if (*p.number != '\0') {
+      korvel_test::writeFile(registration, std::string(identity) + " " + p.number + "\n");
+      if (p.owner != 0 && (geteuid() != 0 || chown(registration.c_str(), p.owner, p.owner) != 0)) {
+        continue;  // as another user only where the test may act as one
+      }
+    }
+    koDirectoryExclusiveLock early(dir_.path(), "early");
+    EXPECT_FALSE(early.acquire(0, TimeUnit::sSeconds(), true)) << p.number << " " << p.owner;
+  }
 }
 
 TEST_F(LockProcessTest, DiagnosticsFollowTheEnvironmentAtLoad) {

@@ -40,9 +40,17 @@
 #include <memory>
 #include <string>
 
+#include "host/host.h"
 #include "korvel/fs_lock.h"
 
 using Zentha::System::TimeUnit;
+
+// A test's stand-in for /dev/shm, so that the test process and its children
+// know the same about this host.
+extern "C" const char* hostLocalStateDirectory() {
+  const char* dir = getenv("KORVEL_TEST_STATE_DIR");  // NOLINT(concurrency-mt-unsafe)
+  return dir != nullptr ? dir : hostDefaultLocalStateDirectory();
+}
 
 namespace {
 

@@ -38,6 +38,7 @@ std::mutex hookMutex;
 Hooks hooks;  // guarded by hookMutex
 std::atomic<double> clockOffset{0.0};
 std::atomic<double> waitScale{1.0};
+std::atomic<bool> watchesFail{false};
 
 // The error to fail an operation of that kind on path with, or 0.
 int faultFor(Fault which, const char* path) {
@@ -77,6 +78,15 @@ void advanceClock(double seconds) {
   clockOffset = clockOffset + seconds;
 }
 
+const std::string& localStateDirectory() {
+  static const TempDir* dir = new TempDir;  // NOLINT: until exit
+  return dir->path();
+}
+
+void failWatches(bool fail) {
+  watchesFail = fail;
+}
+
 void scaleWaits(double factor) {
   waitScale = factor;
 }
@@ -86,6 +96,7 @@ void clearHooks() {
   hooks = Hooks();
   clockOffset = 0.0;
   waitScale = 1.0;
+  watchesFail = false;
   removeCalls = 0;
 }
 
@@ -191,10 +202,15 @@ extern "C" double hostRealSeconds(double seconds) {
   return seconds / korvel_test::waitScale;
 }
 
-// What the locks learn on this host stays with this test run.
+extern "C" int hostInotifyAddWatch(int fd, const char* path, uint32_t mask) {
+  if (korvel_test::watchesFail) return fail(ENOSPC);
+  return hostDefaultInotifyAddWatch(fd, path, mask);
+}
+
+// What the locks learn on this host stays with this test run, and with the
+// lock_child processes it starts (KORVEL_TEST_STATE_DIR).
 extern "C" const char* hostLocalStateDirectory() {
-  static const korvel_test::TempDir* dir = new korvel_test::TempDir;  // NOLINT: until exit
-  return dir->path().c_str();
+  return korvel_test::localStateDirectory().c_str();
 }
 
 extern "C" int hostLstat(const char* path, struct stat* st) {

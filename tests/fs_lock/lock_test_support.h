@@ -32,6 +32,13 @@ enum class Fault {
 // of that long would; clearHooks() sets it back.
 void advanceClock(double seconds);
 
+// This test run's stand-in for /dev/shm, where the locks keep what this
+// host knows; lock_child takes it from KORVEL_TEST_STATE_DIR.
+const std::string& localStateDirectory();
+
+// Directory watches fail as when the inotify limit is reached (ENOSPC).
+void failWatches(bool fail);
+
 // Timed waits of the lock code (not its sleeps) pass `factor` times faster
 // than the clock: 5 s of refresh period take 5 / factor real seconds.
 void scaleWaits(double factor);
