@@ -6,17 +6,25 @@
 //
 //   lock_child count DIR M   M holds of DIR's exclusive lock; inside, the
 //                            marker DIR/inside must be free and DIR/counter
-//                            gains one. Prints "X start end" per hold; exit
+//                            gains one. Prints "X start end asked" per hold
+//                            (asked: when it asked for the lock); exit
 //                            status: the overlaps seen.
 //   lock_child rw-mix DIR WORK M SEED [HOLD_US]
 //                            M holds of DIR's read-write lock, about 40 %
 //                            writes; markers in WORK detect overlaps, writers
 //                            add one to WORK/counter, readers stay HOLD_US
-//                            (200). Prints "W|R start end" per hold, then
+//                            (200). Prints "W|R start end asked" per hold, then
 //                            "writes W reads R"; exit status: overlaps.
+//   lock_child inside WORK KIND ASKED
+//                            one hold's work for a command that korvel-lock
+//                            runs: KIND write or read, markers and counter as
+//                            in rw-mix. Prints "W|R start end ASKED"; exit
+//                            status: overlaps.
 //   lock_child hold DIR KIND take the lock, print "held T REALTIME"; "lost T"
 //                            when it is lost; on SIGTERM release it and print
-//                            "released 1|0 T".
+//                            "released 1|0 T". SIGTSTP stops it as a paused
+//                            virtual machine stops: its monotonic clock does
+//                            not count the stop.
 //   lock_child try DIR KIND MS
 //                            exit 0 when the lock could be had within MS ms
 //                            (and released), 1 when not.
@@ -30,8 +38,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/random.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,11 +50,49 @@
 #include <memory>
 #include <string>
 
+#include "host/host.h"
 #include "korvel/fs_lock.h"
 
 using Zentha::System::TimeUnit;
 
 namespace {
+
+// Seconds the process stood still after SIGTSTP, and while it stands still
+// the clock reading it stopped at (0 when running).
+std::atomic<double> pausedFor{0.0};
+std::atomic<double> pausedAt{0.0};
+
+}  // namespace
+
+// Lock numbers with ten digits in every worker (2^30 to 2^31 - 1), so that
+// a file taken over by another worker keeps its size: a mount that keeps a
+// file's pages until its size changes then reads the old holder's number.
+extern "C" unsigned hostRandom() {
+  unsigned value = 0;
+  if (getrandom(&value, sizeof value, 0) != static_cast<ssize_t>(sizeof value)) value = getpid();
+  return value | 0x40000000u;
+}
+
+// The library's monotonic clock, less the pauses.
+extern "C" double hostMonotonic() {
+  const double at = pausedAt.load();
+  return (at != 0.0 ? at : hostDefaultMonotonic()) - pausedFor.load();
+}
+
+namespace {
+
+// Stops the whole process; once it continues, the stop is taken off the
+// clock. Until then the clock reads as at the stop, so that no thread that
+// runs first sees the time that passed.
+void pauseClock(int) {
+  const int saved = errno;
+  const double at = hostDefaultMonotonic();
+  pausedAt.store(at);
+  raise(SIGSTOP);
+  pausedFor.store(pausedFor.load() + hostDefaultMonotonic() - at);
+  pausedAt.store(0.0);
+  errno = saved;
+}
 
 long long now() {
   timespec t;
@@ -56,8 +105,9 @@ void say(const std::string& line) {
   fflush(stdout);
 }
 
-std::string interval(const char* kind, long long start) {
-  return std::string(kind) + " " + std::to_string(start) + " " + std::to_string(now());
+std::string interval(const char* kind, long long start, long long asked) {
+  return std::string(kind) + " " + std::to_string(start) + " " + std::to_string(now()) + " " +
+         std::to_string(asked);
 }
 
 bool createExclusive(const std::string& path) {
@@ -127,26 +177,48 @@ int countLoop(const std::string& dir, int rounds) {
   const std::string inside = dir + "/inside";
   int overlaps = 0;
   for (int i = 0; i < rounds; ++i) {
+    const long long asked = now();
     if (!lock.acquire(koForever, TimeUnit::sSeconds(), false)) return 100;
     const long long start = now();
     const bool alone = createExclusive(inside);
     overlaps += !alone;
     addOne(dir + "/counter");
     if (alone) unlink(inside.c_str());
-    say(interval("X", start));
+    say(interval("X", start, asked));
     if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
   }
   return overlaps > 99 ? 99 : overlaps;
 }
 
-int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned seed, int holdUs) {
+// One hold's work in DIR: a writer must find no marker and adds one to the
+// counter, a reader must find no writer's marker. Prints the interval and
+// returns the overlaps seen.
+int work(const std::string& dir, bool write, int holdUs, long long asked) {
+  char host[64] = "";
+  gethostname(host, sizeof host - 1);
+  const std::string writer = dir + "/writer";
+  const std::string reader = dir + "/reader." + host + "." + std::to_string(getpid());
+  const long long start = now();
+  int overlaps = 0;
+  const bool marked = createExclusive(write ? writer : reader);
+  if (write) {
+    overlaps += !marked || anyReaderMarker(dir);
+    addOne(dir + "/counter");
+  } else {
+    overlaps += access(writer.c_str(), F_OK) == 0;
+    usleep(holdUs);
+    overlaps += access(writer.c_str(), F_OK) == 0;
+  }
+  if (marked) unlink((write ? writer : reader).c_str());
+  say(interval(write ? "W" : "R", start, asked));
+  return overlaps;
+}
+
+int rwMix(const std::string& dir, const std::string& workDir, int rounds, unsigned seed,
+          int holdUs) {
   koDirectoryReadWriteLock rw(dir);
   koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
   koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
-  char host[64] = "";
-  gethostname(host, sizeof host - 1);
-  const std::string writer = work + "/writer";
-  const std::string reader = work + "/reader." + host + "." + std::to_string(getpid());
   int overlaps = 0;
   int writes = 0;
   for (int i = 0; i < rounds; ++i) {
@@ -154,19 +226,9 @@ int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned 
     writes += write;
     koDirectoryReadWriteLock::AbstractLock& lock =
         write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
+    const long long asked = now();
     if (!lock.acquire(koForever, TimeUnit::sSeconds())) return 100;
-    const long long start = now();
-    const bool marked = createExclusive(write ? writer : reader);
-    if (write) {
-      overlaps += !marked || anyReaderMarker(work);
-      addOne(work + "/counter");
-    } else {
-      overlaps += access(writer.c_str(), F_OK) == 0;
-      usleep(holdUs);
-      overlaps += access(writer.c_str(), F_OK) == 0;
-    }
-    if (marked) unlink((write ? writer : reader).c_str());
-    say(interval(write ? "W" : "R", start));
+    overlaps += work(workDir, write, holdUs, asked);
     if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
   }
   say("writes " + std::to_string(writes) + " reads " + std::to_string(rounds - writes));
@@ -178,6 +240,9 @@ int hold(const std::string& dir, const std::string& kind) {
   sigemptyset(&terminate);
   sigaddset(&terminate, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &terminate, nullptr);  // taken by sigwait below
+  struct sigaction pause = {};
+  pause.sa_handler = pauseClock;
+  sigaction(SIGTSTP, &pause, nullptr);
   AnyLock lock(dir, kind);
   lock.onLost([] { say("lost " + std::to_string(now())); });
   if (!lock.acquire(koForever)) return 1;
@@ -214,6 +279,9 @@ int main(int argc, char** argv) {
   if (mode == "rw-mix" && (argc == 6 || argc == 7)) {
     return rwMix(dir, argv[3], atoi(argv[4]), static_cast<unsigned>(atoi(argv[5])),
                  argc == 7 ? atoi(argv[6]) : 200);
+  }
+  if (mode == "inside" && argc == 5) {
+    return work(dir, std::string(argv[3]) == "write", 200, atoll(argv[4]));
   }
   if (mode == "hold" && argc == 4) return hold(dir, argv[3]);
   if (mode == "try" && argc == 5) {

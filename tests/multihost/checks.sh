@@ -74,9 +74,13 @@ takeover() {
   last=$(lastChangeBefore "$logs/$name.watch" "$killed")
   refreshes=$(awk -v t="$killed" '$1 < t && $2 != "-" && $2 != "" { n++ } END { print n - 1 }' "$logs/$name.watch")
   took=$(awk '/^held/ { print $2; exit } /^[0-9]/ { print $1; exit }' "$taker")
-  delay=$(seconds "${last:-0}" "${took:-0}")
   [ "$refreshes" -gt 0 ] || fail+=" no refresh seen before the kill"
-  within "$delay" 15 17.5 || fail+=" takeover not 15-17.5 s after the last refresh"
+  if [ -n "$took" ]; then
+    delay=$(seconds "${last:-0}" "$took")
+    within "$delay" 15 17.5 || fail+=" takeover not 15-17.5 s after the last refresh"
+  else
+    delay=-
+  fi
   echo "$delay $refreshes$fail"
 }
 
