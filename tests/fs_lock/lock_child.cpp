@@ -28,8 +28,11 @@
 //   lock_child try DIR KIND MS
 //                            exit 0 when the lock could be had within MS ms
 //                            (and released), 1 when not.
-//   lock_child watch FILE    print "T CONTENT" whenever FILE's content
-//                            changes ("-" when missing), every 10 ms.
+//   lock_child watch FILE [stat]
+//                            print "T CONTENT" whenever FILE's content
+//                            changes ("-" when missing), every 10 ms; with
+//                            "stat", "T CONTENT SIZE MTIME_NS INODE" whenever
+//                            the content or these attributes change.
 //   lock_child stamp         print T.
 //   lock_child once DIR      take (time-out 0) and release the exclusive lock.
 //   lock_child late DIR      set KORVEL_FSLOCK_VERBOSE, then as "once".
@@ -39,6 +42,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -253,9 +257,15 @@ int hold(const std::string& dir, const std::string& kind) {
   return 0;
 }
 
-int watch(const std::string& file) {
+int watch(const std::string& file, bool attributes) {
   for (std::string last;;) {
-    const std::string text = readAll(file);
+    std::string text = readAll(file);
+    struct stat st = {};
+    if (attributes && text != "-" && stat(file.c_str(), &st) == 0) {
+      text += " " + std::to_string(st.st_size) + " " +
+              std::to_string(st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec) + " " +
+              std::to_string(st.st_ino);
+    }
     if (text != last) say(std::to_string(now()) + " " + text);
     last = text;
     usleep(10000);
@@ -289,7 +299,7 @@ int main(int argc, char** argv) {
     if (!lock.acquire(strtoul(argv[4], nullptr, 10))) return 1;
     return lock.release() ? 0 : 2;
   }
-  if (mode == "watch") return watch(dir);
+  if (mode == "watch" && (argc == 3 || argc == 4)) return watch(dir, argc == 4);
   if (mode == "once") return once(dir);
   if (mode == "late") {
     setenv("KORVEL_FSLOCK_VERBOSE", "1", 1);

@@ -205,6 +205,8 @@ rwTool() {
 brick() {
   local fail="" markers more d=$shared/brick-hold
   on a mkdir "$d"
+  spawn "$logs/brick.watch" a "$worker" watch "$d/.deploy_lock.0" stat
+  local watcher=$started
   spawn "$logs/brick.holder" a "$worker" hold "$d" excl
   local holder=$started
   waitLine "$logs/brick.holder" held 10 || fail+=" no first hold"
@@ -239,6 +241,18 @@ brick() {
   grep -q '^lost' "$logs/brick.holder" && fail+=" the holder was told of a loss"
   kill -TERM "$holder"
   waitLine "$logs/brick.holder" released 10 || true
+  kill "$watcher"
+  # What the holder's host saw of its file: attributes that changed more
+  # than a second after the holder's last write would read as a takeover to
+  # a holder that compares them.
+  local moved refreshes
+  read -r moved refreshes < <(awk 'NF < 5 { next }  # gone, or gone before its stat
+    { c = $2; a = $3 " " $4 " " $5 }
+    c != pc { t0 = $1; pc = c; pa = a; n++; next }
+    a != pa { if ($1 - t0 > 1e6) late++; pa = a }
+    END { print late + 0, n - 1 }' "$logs/brick.watch")
+  [ "$moved" -eq 0 ] || fail+=" the held file's attributes changed $moved times without a write"
+  [ "$refreshes" -ge 3 ] || fail+=" only $refreshes refreshes of the held file seen"
   grep -q '^released 1' "$logs/brick.holder" || fail+=" the holder's release failed"
   waitLine "$logs/brick.waiter" held 10 || fail+=" the waiter did not get the lock after the release"
   kill -TERM "$waiter"
@@ -258,7 +272,7 @@ brick() {
   during=$(awk -v k="$killed" -v r="$restarted" '/^X / && $3 > k && $2 < r { n++ } END { print n + 0 }' "$logs"/brick.[ab].*)
   [ "$during" -gt 0 ] || fail+=" no hold while the brick was down"
   verdict "2 brick s1 SIGKILLed for 8 s during 2 hosts x 2 processes x 60 holds" \
-    "$holds holds ($during while the brick was down), $o overlapping by interval, $markers by marker, counter $counter of 240; heal list empty $(seconds "$restarted" "$healed") s after the restart; a holder across it kept its lock, its waiter got in after the release; $left lock files left" "$fail"
+    "$holds holds ($during while the brick was down), $o overlapping by interval, $markers by marker, counter $counter of 240; heal list empty $(seconds "$restarted" "$healed") s after the restart; a holder across it kept its lock ($refreshes refreshes, attributes changed without a write: $moved), its waiter got in after the release; $left lock files left" "$fail"
 }
 
 # 3. The link of a host whose korvel-lock holds the write lock is cut for
@@ -399,8 +413,10 @@ skew() {
   local delay refreshes left more
   read -r delay refreshes left more < <(holdAndKill "skew$pair" "$hostA" "$hostB" 20 "$seconds")
   fail+="${more:+ $more}"
+  local kept=yes
+  case "$more" in *"live holder"*) kept=no ;; esac
   verdict "5 ctime skew, holder on $hostA stamping files $offset s off, waiter on $hostB" \
-    "live holder kept the lock 20 s (refreshes seen: $refreshes); killed, taken over $delay s after its last refresh; $left lock files left" "$fail"
+    "live holder kept the lock 20 s: $kept (refreshes seen: $refreshes); killed, taken over $delay s after its last refresh; $left lock files left" "$fail"
 }
 skewSlow() { skew s -180; }
 skewFast() { skew f +180; }
