@@ -41,17 +41,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <random>
 #include <string>
 
 #include "host/host.h"
@@ -59,22 +58,16 @@
 
 using Zentha::System::TimeUnit;
 
-namespace {
-
 // Seconds the process stood still after SIGTSTP, and while it stands still
 // the clock reading it stopped at (0 when running).
-std::atomic<double> pausedFor{0.0};
-std::atomic<double> pausedAt{0.0};
-
-}  // namespace
+static std::atomic<double> pausedFor{0.0};
+static std::atomic<double> pausedAt{0.0};
 
 // Lock numbers with ten digits in every worker (2^30 to 2^31 - 1), so that
 // a file taken over by another worker keeps its size: a mount that keeps a
 // file's pages until its size changes then reads the old holder's number.
 extern "C" unsigned hostRandom() {
-  unsigned value = 0;
-  if (getrandom(&value, sizeof value, 0) != static_cast<ssize_t>(sizeof value)) value = getpid();
-  return value | 0x40000000u;
+  return std::random_device()() | 0x40000000u;
 }
 
 // The library's monotonic clock, less the pauses.
@@ -89,13 +82,10 @@ namespace {
 // clock. Until then the clock reads as at the stop, so that no thread that
 // runs first sees the time that passed.
 void pauseClock(int) {
-  const int saved = errno;
-  const double at = hostDefaultMonotonic();
-  pausedAt.store(at);
+  pausedAt.store(hostDefaultMonotonic());
   raise(SIGSTOP);
-  pausedFor.store(pausedFor.load() + hostDefaultMonotonic() - at);
+  pausedFor.store(pausedFor.load() + hostDefaultMonotonic() - pausedAt.load());
   pausedAt.store(0.0);
-  errno = saved;
 }
 
 long long now() {
@@ -197,7 +187,7 @@ int countLoop(const std::string& dir, int rounds) {
 // One hold's work in DIR: a writer must find no marker and adds one to the
 // counter, a reader must find no writer's marker. Prints the interval and
 // returns the overlaps seen.
-int work(const std::string& dir, bool write, int holdUs, long long asked) {
+int holdWork(const std::string& dir, bool write, int holdUs, long long asked) {
   char host[64] = "";
   gethostname(host, sizeof host - 1);
   const std::string writer = dir + "/writer";
@@ -218,8 +208,7 @@ int work(const std::string& dir, bool write, int holdUs, long long asked) {
   return overlaps;
 }
 
-int rwMix(const std::string& dir, const std::string& workDir, int rounds, unsigned seed,
-          int holdUs) {
+int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned seed, int holdUs) {
   koDirectoryReadWriteLock rw(dir);
   koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
   koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
@@ -232,7 +221,7 @@ int rwMix(const std::string& dir, const std::string& workDir, int rounds, unsign
         write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
     const long long asked = now();
     if (!lock.acquire(koForever, TimeUnit::sSeconds())) return 100;
-    overlaps += work(workDir, write, holdUs, asked);
+    overlaps += holdWork(work, write, holdUs, asked);
     if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
   }
   say("writes " + std::to_string(writes) + " reads " + std::to_string(rounds - writes));
@@ -244,9 +233,7 @@ int hold(const std::string& dir, const std::string& kind) {
   sigemptyset(&terminate);
   sigaddset(&terminate, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &terminate, nullptr);  // taken by sigwait below
-  struct sigaction pause = {};
-  pause.sa_handler = pauseClock;
-  sigaction(SIGTSTP, &pause, nullptr);
+  signal(SIGTSTP, pauseClock);
   AnyLock lock(dir, kind);
   lock.onLost([] { say("lost " + std::to_string(now())); });
   if (!lock.acquire(koForever)) return 1;
@@ -261,11 +248,10 @@ int watch(const std::string& file, bool attributes) {
   for (std::string last;;) {
     std::string text = readAll(file);
     struct stat st = {};
-    if (attributes && text != "-" && stat(file.c_str(), &st) == 0) {
+    if (attributes && text != "-" && stat(file.c_str(), &st) == 0)
       text += " " + std::to_string(st.st_size) + " " +
               std::to_string(st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec) + " " +
               std::to_string(st.st_ino);
-    }
     if (text != last) say(std::to_string(now()) + " " + text);
     last = text;
     usleep(10000);
@@ -290,9 +276,7 @@ int main(int argc, char** argv) {
     return rwMix(dir, argv[3], atoi(argv[4]), static_cast<unsigned>(atoi(argv[5])),
                  argc == 7 ? atoi(argv[6]) : 200);
   }
-  if (mode == "inside" && argc == 5) {
-    return work(dir, std::string(argv[3]) == "write", 200, atoll(argv[4]));
-  }
+  if (mode == "inside" && argc == 5) return holdWork(dir, argv[3][0] == 'w', 200, atoll(argv[4]));
   if (mode == "hold" && argc == 4) return hold(dir, argv[3]);
   if (mode == "try" && argc == 5) {
     AnyLock lock(dir, argv[3]);

@@ -414,7 +414,10 @@ skew() {
   read -r delay refreshes left more < <(holdAndKill "skew$pair" "$hostA" "$hostB" 20 "$seconds")
   fail+="${more:+ $more}"
   local kept=yes
-  case "$more" in *"live holder"*) kept=no ;; esac
+  case "$more" in *"live holder"*)
+    kept="no, taken $(seconds "$(word "$logs/skew$pair.holder" held 2)" "$(word "$logs/skew$pair.taker" held 2)") s after it acquired"
+    ;;
+  esac
   verdict "5 ctime skew, holder on $hostA stamping files $offset s off, waiter on $hostB" \
     "live holder kept the lock 20 s: $kept (refreshes seen: $refreshes); killed, taken over $delay s after its last refresh; $left lock files left" "$fail"
 }
