@@ -73,7 +73,7 @@ startServer() {
   echo $! >"$run/pid.glusterd.$s"
 }
 
-# startClient SPEC ADDRESS
+# startClient CLIENT ADDRESS
 startClient() {
   local name=${1%%:*} options="" skew="" keep=(--auto-invalidation=on) option env=()
   [ "$name" = "$1" ] || options=${1#*:}
@@ -121,10 +121,10 @@ up() {
   echo "volume $VOLUME: replica 2, bricks $NET.1 and $NET.2, features.ctime" \
     "$(gluster s1 volume get "$VOLUME" features.ctime | awk '$1 == "features.ctime" { print $2; exit }')," \
     "network.ping-timeout 5"
-  local i=10 spec
-  for spec in "$@"; do
+  local i=10 client
+  for client in "$@"; do
     i=$((i + 1))
-    startClient "$spec" "$NET.$i"
+    startClient "$client" "$NET.$i"
   done
   local name
   while read -r name; do
