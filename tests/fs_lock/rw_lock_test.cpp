@@ -122,6 +122,15 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
     ReadLock other = reading;
   }
   EXPECT_TRUE(entries(dir_.path()).empty());
+
+  // A single attempt answers at once while a program holds the directory's
+  // exclusive lock, rather than waiting for it as for a brief look.
+  koDirectoryExclusiveLock program(dir_.path(), "program");
+  ASSERT_TRUE(program.acquire(0, TimeUnit::sSeconds(), true));
+  const auto tried = std::chrono::steady_clock::now();
+  EXPECT_FALSE(acquireRead(rw, 0, TimeUnit::sSeconds()));
+  EXPECT_LT(secondsSince(tried), 0.3);
+  EXPECT_TRUE(program.release());
   EXPECT_FALSE(loopRunning(rw));
 }
 
