@@ -2,7 +2,6 @@
 #include "threads/thread_pool.h"
 
 #include <atomic>
-#include <thread>
 
 #include "host/exception_list.h"
 #include "host/host.h"
@@ -19,15 +18,29 @@ constexpr unsigned long kNoLimit = static_cast<unsigned long>(-1);
 constexpr double kSpinSeconds = 20e-6;
 constexpr int kMaxSpinPauses = 4096;
 
-// Spins while changes stays at seen, for a few microseconds. A start or a
+// True when a hand-off may spin at all: this process may run on more than
+// one processor at once. On one (an affinity mask, a CPU quota) a spin only
+// burns the time slice the other side needs. Asked once per process, and
+// again in a forked child, which may have been given another mask.
+bool spinningPays() {
+  static std::atomic<pid_t> askedIn{0};
+  static std::atomic<bool> pays{false};
+  const pid_t self = hostProcessId();
+  if (askedIn.load(std::memory_order_acquire) != self) {
+    pays.store(hostUsableProcessors() > 1, std::memory_order_relaxed);
+    askedIn.store(self, std::memory_order_release);
+  }
+  return pays.load(std::memory_order_relaxed);
+}
+
+// Spins while keepSpinning() holds, for a few microseconds. A start or a
 // join that follows that soon then needs neither a sleep nor a wake-up,
 // which costs tens of microseconds when the other side's core has gone
 // idle. Only a hint: the caller checks its state under the mutex afterwards.
-void spinWhileUnchanged(const std::atomic<unsigned>& changes, unsigned seen) {
-  static const bool manyCores = std::thread::hardware_concurrency() > 1;
-  if (!manyCores) return;
+template <class Predicate>
+void spinWhile(Predicate keepSpinning) {
   const double until = hostMonotonic() + kSpinSeconds;
-  for (int i = 1; i <= kMaxSpinPauses && changes.load(std::memory_order_acquire) == seen; ++i) {
+  for (int i = 1; i <= kMaxSpinPauses && keepSpinning(); ++i) {
     __builtin_ia32_pause();
     if (i % 16 == 0 && hostMonotonic() >= until) return;
   }
@@ -37,6 +50,15 @@ void spinWhileUnchanged(const std::atomic<unsigned>& changes, unsigned seen) {
 
 // ---- koRecyclableThread ----
 
+// The spin rule. A side spins only when spinningPays(), and only while the
+// other side is on a processor or has just been woken to get one:
+//   - the joiner, while the worker is not parked: it is running the body,
+//     spinning for a start, or has been woken for the run asked of it;
+//   - the worker, after a body, only when its owner was in join as the body
+//     ended: spinning, or waiting for the mutex or the condition that the
+//     end of the body releases or signals. The owner runs then, and a next
+//     start is likely soon.
+// Nobody spins for a parked worker, nor for an owner busy elsewhere.
 struct koRecyclableThread::Sync {
   Sync() : mutex(0, 0), startCondition(mutex), doneCondition(mutex) {}
   Zentha::System::MutexLock mutex;
@@ -45,6 +67,9 @@ struct koRecyclableThread::Sync {
   // Bumped, under mutex, when a run or the end is asked for and when a run
   // has finished: what the spinning worker or joiner waits for.
   std::atomic<unsigned> changes{0};
+  // Written under mutex, read by the other side's spin without it.
+  std::atomic<bool> workerParked{false};  // asleep with no run asked for
+  std::atomic<bool> joining{false};       // the owner is in join
 };
 
 koRecyclableThread::koRecyclableThread()
@@ -80,14 +105,21 @@ koRecyclableThread::~koRecyclableThread() {
 // does not wake only to block on the mutex still held by the signaller.
 void* koRecyclableThread::run() {
   MutexGuard guard(mutex_);
+  bool ownerRunning = false;  // the owner was in join when the last body ended
   for (;;) {
     if (!quitRequested_ && !runRequested_) {
-      const unsigned seen = sync_->changes.load(std::memory_order_relaxed);
-      mutex_.unlock();
-      spinWhileUnchanged(sync_->changes, seen);
-      mutex_.lock();
+      if (ownerRunning) {
+        const unsigned seen = sync_->changes.load(std::memory_order_relaxed);
+        mutex_.unlock();
+        spinWhile([&] { return sync_->changes.load(std::memory_order_acquire) == seen; });
+        mutex_.lock();
+      }
+      while (!quitRequested_ && !runRequested_) {
+        sync_->workerParked.store(true, std::memory_order_relaxed);
+        startCondition_.wait();
+      }
+      sync_->workerParked.store(false, std::memory_order_relaxed);
     }
-    while (!quitRequested_ && !runRequested_) startCondition_.wait();
     if (quitRequested_) return nullptr;
     runRequested_ = false;
     finished_ = false;
@@ -97,6 +129,7 @@ void* koRecyclableThread::run() {
       // A failing body must not end the pooled thread.
     }
     finished_ = true;
+    ownerRunning = sync_->joining.load(std::memory_order_relaxed) && spinningPays();
     sync_->changes.fetch_add(1, std::memory_order_release);
     // A joiner woken here may recycle and destroy this object, but the
     // destructor joins this system thread first, so the members outlive run().
@@ -112,6 +145,7 @@ void koRecyclableThread::start(bool detached) {
     {
       MutexGuard guard(mutex_);
       runRequested_ = true;
+      sync_->workerParked.store(false, std::memory_order_relaxed);  // woken below
       sync_->changes.fetch_add(1, std::memory_order_release);
     }
     // Only the owner, who is calling start, recycles (and so may destroy) the
@@ -122,14 +156,22 @@ void koRecyclableThread::start(bool detached) {
 
 void* koRecyclableThread::join() {
   return koOnlyLet<InvalidStateError>([&]() -> void* {
+    // Before the mutex, which a running body holds: a body ending meanwhile
+    // sees its owner running.
+    sync_->joining.store(true, std::memory_order_relaxed);
     MutexGuard guard(mutex_);
-    if (!finished_) {
+    const std::atomic<bool>& parked = sync_->workerParked;
+    if (!finished_ && !parked.load(std::memory_order_relaxed) && spinningPays()) {
       const unsigned seen = sync_->changes.load(std::memory_order_relaxed);
       mutex_.unlock();
-      spinWhileUnchanged(sync_->changes, seen);
+      spinWhile([&] {
+        return sync_->changes.load(std::memory_order_acquire) == seen &&
+               !parked.load(std::memory_order_relaxed);
+      });
       mutex_.lock();
     }
     while (!finished_) doneCondition_.wait();
+    sync_->joining.store(false, std::memory_order_relaxed);
     return nullptr;
   });
 }
@@ -176,6 +218,18 @@ void koPooledThreadFactory::CleanupThread::dispose() {
 
 koThread* koPooledThreadFactory::CleanupThread::createThread(const boost::function0<void*>& body) {
   MutexGuard guard(mutex_);
+  if (started_ == Started::kNotYet) {
+    // Detached: it needs no lock of ours to start, and only waits for dispose.
+    try {
+      start(true);
+      started_ = Started::kYes;
+    } catch (const koThread::StartError&) {
+      started_ = Started::kFailed;
+    }
+  }
+  if (started_ == Started::kFailed) {
+    throw koThread::InvalidStateError("Thread pool failed to initialize");
+  }
   boost::shared_ptr<koRecyclableThread> candidate;
   do {
     if (!idleThreads_.empty()) {
@@ -210,6 +264,11 @@ void koPooledThreadFactory::CleanupThread::recycle(koThread* thread) {
   recycled.reset();
 }
 
+bool koPooledThreadFactory::CleanupThread::running() {
+  MutexGuard guard(mutex_);
+  return started_ == Started::kYes;
+}
+
 size_t koPooledThreadFactory::CleanupThread::idleCount() {
   MutexGuard guard(mutex_);
   return idleThreads_.size();
@@ -224,21 +283,17 @@ koPooledThreadFactory::koPooledThreadFactory(unsigned long initialThreads,
     cleanup_ = new CleanupThread(initialThreads, maxIdleThreads);
   } catch (const koThread::StartError&) {
     cleanup_ = nullptr;
-    return;
-  }
-  try {
-    cleanup_->start(true);
-  } catch (const koThread::StartError&) {
-    delete cleanup_;
-    cleanup_ = nullptr;
   }
 }
 
 koPooledThreadFactory::~koPooledThreadFactory() {
-  if (cleanup_ != nullptr) {
+  if (cleanup_ == nullptr) return;
+  if (cleanup_->running()) {
     cleanup_->dispose();
-    cleanup_ = nullptr;
+  } else {
+    delete cleanup_;  // no thread was ever taken: no body to wait for
   }
+  cleanup_ = nullptr;
 }
 
 koThread* koPooledThreadFactory::createThread(const boost::function0<void*>& body) {
@@ -247,6 +302,9 @@ koThread* koPooledThreadFactory::createThread(const boost::function0<void*>& bod
 }
 
 void koPooledThreadFactory::recycle(koThread* thread) {
-  if (cleanup_ == nullptr) throw koThread::InvalidStateError("Thread pool failed to initialize");
+  // A pool whose clean-up thread is not running has handed out no thread.
+  if (cleanup_ == nullptr || !cleanup_->running()) {
+    throw koThread::InvalidStateError("Thread pool failed to initialize");
+  }
   cleanup_->recycle(thread);
 }
