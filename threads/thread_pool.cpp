@@ -20,17 +20,10 @@ constexpr int kMaxSpinPauses = 4096;
 
 // True when a hand-off may spin at all: this process may run on more than
 // one processor at once. On one (an affinity mask, a CPU quota) a spin only
-// burns the time slice the other side needs. Asked once per process, and
-// again in a forked child, which may have been given another mask.
+// burns the time slice the other side needs. Asked once per process.
 bool spinningPays() {
-  static std::atomic<pid_t> askedIn{0};
-  static std::atomic<bool> pays{false};
-  const pid_t self = hostProcessId();
-  if (askedIn.load(std::memory_order_acquire) != self) {
-    pays.store(hostUsableProcessors() > 1, std::memory_order_relaxed);
-    askedIn.store(self, std::memory_order_release);
-  }
-  return pays.load(std::memory_order_relaxed);
+  static const bool pays = hostUsableProcessors() > 1;
+  return pays;
 }
 
 // Spins while keepSpinning() holds, for a few microseconds. A start or a
