@@ -47,11 +47,12 @@ void spinWhile(Predicate keepSpinning) {
 // other side is on a processor or has just been woken to get one:
 //   - the joiner, while the worker is not parked: it is running the body,
 //     spinning for a start, or has been woken for the run asked of it;
-//   - the worker, after a body, only when its owner was in join as the body
-//     ended: spinning, or waiting for the mutex or the condition that the
-//     end of the body releases or signals. The owner runs then, and a next
-//     start is likely soon.
-// Nobody spins for a parked worker, nor for an owner busy elsewhere.
+//   - the worker, after a body, only when its owner has not gone to sleep in
+//     join since it asked for that run: the owner is running then (or
+//     waiting for the mutex the body held), and a next start is likely soon.
+// Nobody spins for a parked worker, nor for an owner asleep in join. The
+// flags change only on the way to a sleep and back, so the spinning hand-off
+// writes nothing but its counter.
 struct koRecyclableThread::Sync {
   Sync() : mutex(0, 0), startCondition(mutex), doneCondition(mutex) {}
   Zentha::System::MutexLock mutex;
@@ -59,11 +60,17 @@ struct koRecyclableThread::Sync {
   Zentha::System::Condition doneCondition;
   // Bumped, under mutex, when a run or the end is asked for and when a run
   // has finished: what the spinning worker or joiner waits for.
-  std::atomic<unsigned> changes{0};
+  alignas(64) std::atomic<unsigned> changes{0};
   // Written under mutex, read by the other side's spin without it.
+  std::atomic<bool> ownerAwake{false};    // see the spin rule
   std::atomic<bool> workerParked{false};  // asleep with no run asked for
-  std::atomic<bool> joining{false};       // the owner is in join
 };
+
+// Stores value unless flag holds it already: a spinning reader's cache line
+// stays valid.
+static void setFlag(std::atomic<bool>& flag, bool value) {
+  if (flag.load(std::memory_order_relaxed) != value) flag.store(value, std::memory_order_relaxed);
+}
 
 koRecyclableThread::koRecyclableThread()
     : sync_(new Sync),
@@ -98,7 +105,7 @@ koRecyclableThread::~koRecyclableThread() {
 // does not wake only to block on the mutex still held by the signaller.
 void* koRecyclableThread::run() {
   MutexGuard guard(mutex_);
-  bool ownerRunning = false;  // the owner was in join when the last body ended
+  bool ownerRunning = false;  // the owner was awake when the last body ended
   for (;;) {
     if (!quitRequested_ && !runRequested_) {
       if (ownerRunning) {
@@ -108,10 +115,10 @@ void* koRecyclableThread::run() {
         mutex_.lock();
       }
       while (!quitRequested_ && !runRequested_) {
-        sync_->workerParked.store(true, std::memory_order_relaxed);
+        setFlag(sync_->workerParked, true);
         startCondition_.wait();
       }
-      sync_->workerParked.store(false, std::memory_order_relaxed);
+      setFlag(sync_->workerParked, false);
     }
     if (quitRequested_) return nullptr;
     runRequested_ = false;
@@ -122,8 +129,10 @@ void* koRecyclableThread::run() {
       // A failing body must not end the pooled thread.
     }
     finished_ = true;
-    ownerRunning = sync_->joining.load(std::memory_order_relaxed) && spinningPays();
+    // The counter first: a write takes its cache line once, a read first
+    // would take it twice.
     sync_->changes.fetch_add(1, std::memory_order_release);
+    ownerRunning = sync_->ownerAwake.load(std::memory_order_relaxed) && spinningPays();
     // A joiner woken here may recycle and destroy this object, but the
     // destructor joins this system thread first, so the members outlive run().
     mutex_.unlock();
@@ -138,8 +147,9 @@ void koRecyclableThread::start(bool detached) {
     {
       MutexGuard guard(mutex_);
       runRequested_ = true;
-      sync_->workerParked.store(false, std::memory_order_relaxed);  // woken below
       sync_->changes.fetch_add(1, std::memory_order_release);
+      setFlag(sync_->ownerAwake, true);
+      setFlag(sync_->workerParked, false);  // woken below
     }
     // Only the owner, who is calling start, recycles (and so may destroy) the
     // thread; the woken worker never does. The condition outlives this call.
@@ -149,9 +159,6 @@ void koRecyclableThread::start(bool detached) {
 
 void* koRecyclableThread::join() {
   return koOnlyLet<InvalidStateError>([&]() -> void* {
-    // Before the mutex, which a running body holds: a body ending meanwhile
-    // sees its owner running.
-    sync_->joining.store(true, std::memory_order_relaxed);
     MutexGuard guard(mutex_);
     const std::atomic<bool>& parked = sync_->workerParked;
     if (!finished_ && !parked.load(std::memory_order_relaxed) && spinningPays()) {
@@ -163,8 +170,10 @@ void* koRecyclableThread::join() {
       });
       mutex_.lock();
     }
-    while (!finished_) doneCondition_.wait();
-    sync_->joining.store(false, std::memory_order_relaxed);
+    while (!finished_) {
+      setFlag(sync_->ownerAwake, false);
+      doneCondition_.wait();
+    }
     return nullptr;
   });
 }
