@@ -26,14 +26,17 @@ bool spinningPays() {
   return pays;
 }
 
-// Spins while keepSpinning() holds, for a few microseconds. A start or a
-// join that follows that soon then needs neither a sleep nor a wake-up,
-// which costs tens of microseconds when the other side's core has gone
-// idle. Only a hint: the caller checks its state under the mutex afterwards.
-template <class Predicate>
-void spinWhile(Predicate keepSpinning) {
+// Spins while changes stays at seen (and parked, when given, is false), for
+// a few microseconds. A start or a join that follows that soon then needs
+// neither a sleep nor a wake-up, which costs tens of microseconds when the
+// other side's core has gone idle. Only a hint: the caller checks its state
+// under the mutex afterwards.
+void spinWhileUnchanged(const std::atomic<unsigned>& changes, unsigned seen,
+                        const std::atomic<bool>* parked = nullptr) {
   const double until = hostMonotonic() + kSpinSeconds;
-  for (int i = 1; i <= kMaxSpinPauses && keepSpinning(); ++i) {
+  for (int i = 1; i <= kMaxSpinPauses && changes.load(std::memory_order_acquire) == seen &&
+                  (parked == nullptr || !parked->load(std::memory_order_relaxed));
+       ++i) {
     __builtin_ia32_pause();
     if (i % 16 == 0 && hostMonotonic() >= until) return;
   }
@@ -59,7 +62,8 @@ struct koRecyclableThread::Sync {
   Zentha::System::Condition startCondition;
   Zentha::System::Condition doneCondition;
   // Bumped, under mutex, when a run or the end is asked for and when a run
-  // has finished: what the spinning worker or joiner waits for.
+  // has finished: what the spinning worker or joiner waits for. It and the
+  // flags share a cache line that the mutex and conditions do not.
   alignas(64) std::atomic<unsigned> changes{0};
   // Written under mutex, read by the other side's spin without it.
   std::atomic<bool> ownerAwake{false};    // see the spin rule
@@ -111,7 +115,7 @@ void* koRecyclableThread::run() {
       if (ownerRunning) {
         const unsigned seen = sync_->changes.load(std::memory_order_relaxed);
         mutex_.unlock();
-        spinWhile([&] { return sync_->changes.load(std::memory_order_acquire) == seen; });
+        spinWhileUnchanged(sync_->changes, seen);
         mutex_.lock();
       }
       while (!quitRequested_ && !runRequested_) {
@@ -164,10 +168,7 @@ void* koRecyclableThread::join() {
     if (!finished_ && !parked.load(std::memory_order_relaxed) && spinningPays()) {
       const unsigned seen = sync_->changes.load(std::memory_order_relaxed);
       mutex_.unlock();
-      spinWhile([&] {
-        return sync_->changes.load(std::memory_order_acquire) == seen &&
-               !parked.load(std::memory_order_relaxed);
-      });
+      spinWhileUnchanged(sync_->changes, seen, &parked);
       mutex_.lock();
     }
     while (!finished_) {
