@@ -226,6 +226,7 @@ koThread* koPooledThreadFactory::CleanupThread::createThread(const boost::functi
     try {
       start(true);
       started_ = Started::kYes;
+      running_.store(true, std::memory_order_release);
     } catch (const koThread::StartError&) {
       started_ = Started::kFailed;
     }
@@ -268,8 +269,7 @@ void koPooledThreadFactory::CleanupThread::recycle(koThread* thread) {
 }
 
 bool koPooledThreadFactory::CleanupThread::running() {
-  MutexGuard guard(mutex_);
-  return started_ == Started::kYes;
+  return running_.load(std::memory_order_acquire);
 }
 
 size_t koPooledThreadFactory::CleanupThread::idleCount() {

@@ -6,6 +6,7 @@
 #ifndef KORVEL_THREADS_THREAD_POOL_H_
 #define KORVEL_THREADS_THREAD_POOL_H_
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <map>
 #include <vector>
@@ -45,6 +46,7 @@ class koPooledThreadFactory::CleanupThread : public koThread {
   std::map<koThread*, boost::shared_ptr<koRecyclableThread>> activeThreads_;
   unsigned long maxIdleThreads_;
   enum class Started { kNotYet, kYes, kFailed } started_ = Started::kNotYet;  // guarded by mutex_
+  std::atomic<bool> running_{false};  // started_ == kYes, read without the mutex
 };
 
 #endif  // KORVEL_THREADS_THREAD_POOL_H_
