@@ -126,6 +126,11 @@ KORVEL_HOST_API int host_create_thread(korvel_host_thread_t* handle, korvel_thre
 KORVEL_HOST_API int host_create_detached_thread(korvel_thread_entry entry, void* argument);
 // Waits for the thread and returns entry's result (null if it cannot wait).
 KORVEL_HOST_API void* host_join_thread(korvel_host_thread_t handle);
+// The processors this process may run on at once, at least 1: those of the
+// calling thread's affinity mask, fewer when a cgroup v2 CPU quota
+// (/sys/fs/cgroup/cpu.max, read through hostOpen and hostRead) allows less.
+// A quota of 1.5 processors counts as 1.
+KORVEL_HOST_API int hostUsableProcessors();
 
 // ---- Files ----
 

@@ -93,9 +93,13 @@ maps_path_token | paths/modules.cpp | constexpr int kTokensToPath = 4; | constex
 # ---- Threads ----
 pool_never_reuses | threads/thread_pool.cpp | if (!idleThreads_.empty()) { | if (false) { | @threads
 pool_takes_the_oldest | threads/thread_pool.cpp | candidate = idleThreads_.back(); | candidate = idleThreads_.front(); | @threads
-pool_join_does_not_wait | threads/thread_pool.cpp | while (!finished_) doneCondition_.wait(); | | @threads
+pool_join_does_not_wait | threads/thread_pool.cpp | while (!finished_) { | while (false) { | @threads
 pool_keeps_one_too_many | threads/thread_pool.cpp | idleThreads_.size() < maxIdleThreads_ | idleThreads_.size() <= maxIdleThreads_ | @threads
 pool_reset_keeps_finished | threads/thread_pool.cpp | }\n  finished_ = false; | } | @threads
+pool_spins_on_one_processor | threads/thread_pool.cpp | static const bool pays = hostUsableProcessors() > 1; | static const bool pays = true; | @threads
+cpu_quota_ignored | host/host_threads.cpp | usable = std::min<long long>(usable, quota / period); | | @threads
+pool_start_failure_forgotten | threads/thread_pool.cpp | started_ = Started::kFailed; | | @threads
+pool_unused_threads_left_running | threads/thread_pool.cpp | delete cleanup_;  // no thread was ever taken: no body to wait for | | @threads
 thread_detach_not_recorded | threads/thread.cpp | detached_ = true; | | @threads
 guard_disarm_keeps_pointer | threads/thread.cpp | action_ = nullptr; | | @threads
 loop_does_not_stop | include/korvel/threads.h | driver.stopRequested = true; | | @threads
