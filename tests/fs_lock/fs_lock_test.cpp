@@ -340,11 +340,16 @@ TEST_F(FsLockTest, LossHandlersMayTearDownAnyLock) {
 }
 
 // A waiter stopped on its way to a dead level 0 (before it judged it, or
-// after) while another waiter took over its queue place and level 0: it
-// must not overwrite the new holder's file when it resumes.
-TEST_F(FsLockTest, AWaiterStoppedBeforeATakeoverLeavesTheNewHolderAlone) {
-  for (bool afterJudging : {false, true}) {
-    SCOPED_TRACE(afterJudging ? "stopped after judging level 0" : "stopped before");
+// after) while another waiter took over its queue place (and level 0, or
+// not yet): it must not write into level 0 when it resumes.
+TEST_F(FsLockTest, AWaiterStoppedBeforeATakeoverLeavesLevelZeroAlone) {
+  struct Case {
+    bool afterJudging;
+    const char* level0;  // what the other waiter made of level 0 meanwhile
+  };
+  for (const Case& c : {Case{false, "778"}, Case{true, "778"}, Case{true, "4242"}}) {
+    SCOPED_TRACE(std::string(c.afterJudging ? "after" : "before") + " judging, level 0 " +
+                 c.level0);
     korvel_test::clearHooks();
     korvel_test::writeFile(level(0), "4242");
     ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - 700));
@@ -352,21 +357,21 @@ TEST_F(FsLockTest, AWaiterStoppedBeforeATakeoverLeavesTheNewHolderAlone) {
     auto stop = [&] {
       stopped = true;
       korvel_test::writeFile(level(1), "777");
-      korvel_test::writeFile(level(0), "778");
+      if (std::string(c.level0) != "4242") korvel_test::writeFile(level(0), c.level0);
       korvel_test::advanceClock(20);
     };
     // Before: its try at level 0 from level 1. After: the stale test's own
     // fresh file going.
     korvel_test::observeOpens([&](const char* path, int flags) {
-      if (!afterJudging && !stopped && (flags & O_EXCL) != 0 && level(0) == path) stop();
+      if (!c.afterJudging && !stopped && (flags & O_EXCL) != 0 && level(0) == path) stop();
     });
     korvel_test::observeRemoves([&](const char* path) {
-      if (afterJudging && !stopped && strstr(path, "/.deploy_") == nullptr) stop();
+      if (c.afterJudging && !stopped && strstr(path, "/.deploy_") == nullptr) stop();
     });
     koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
     EXPECT_FALSE(waiter.acquire(1, TimeUnit::sSeconds(), true));
     EXPECT_TRUE(stopped);
-    EXPECT_EQ(readFile(level(0)), "778") << "the new holder's file was overwritten";
+    EXPECT_EQ(readFile(level(0)), c.level0) << "level 0 was written by a waiter without a place";
     korvel_test::removeTree(dir_.path());
     ASSERT_EQ(mkdir(dir_.path().c_str(), 0700), 0);
   }
@@ -527,8 +532,12 @@ TEST_F(LockProcessTest, OnOneHostTheKernelTellsWhatItKnows) {
   }
   korvel_test::clearHooks();
 
-  // A holder killed on this host: taken over at once.
-  const pid_t killed = holder(dir_.path(), "excl", at("killed.out"));
+  // A holder killed on this host, after a refresh or two: taken over at
+  // once.
+  const pid_t killed = start({"hold", dir_.path(), "excl"}, at("killed.out"),
+                             {"KORVEL_TEST_TIME_SCALE=10"});
+  ASSERT_TRUE(korvel_test::waitForFileText(at("killed.out"), "held\n", 20));
+  usleep(1200000);  // its refreshes come every 0.5 s
   kill(killed, SIGKILL);
   korvel_test::waitChild(killed);
   koDirectoryExclusiveLock waiter(dir_.path(), "waiter");

@@ -66,6 +66,16 @@ extern "C" const char* hostLocalStateDirectory() {
   return dir != nullptr ? dir : hostDefaultLocalStateDirectory();
 }
 
+// A test may make the library's timed waits pass faster
+// (KORVEL_TEST_TIME_SCALE): its refresh then comes sooner.
+extern "C" double hostRealSeconds(double seconds) {
+  static const double scale = [] {
+    const char* text = getenv("KORVEL_TEST_TIME_SCALE");  // NOLINT(concurrency-mt-unsafe)
+    return text != nullptr ? atof(text) : 1.0;
+  }();
+  return seconds / scale;
+}
+
 // Seconds the process stood still after SIGTSTP, and while it stands still
 // the clock reading it stopped at (0 when running).
 static std::atomic<double> pausedFor{0.0};
