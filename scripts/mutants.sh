@@ -9,7 +9,8 @@
 #   scripts/mutants.sh REGEX        only the faults whose name matches REGEX
 #   scripts/mutants.sh --check      only tell which faults still apply (fast)
 #
-# KORVEL_MUTANTS_DIR (default /tmp/korvel-mutants) holds the scratch copy and
+# KORVEL_MUTANTS_DIR (default /tmp/korvel-mutants.<a hash of this tree's
+# place>) holds the scratch copy and
 # its build; it is kept, so the next run only rebuilds what changed.
 # Per-fault logs are left in its logs/ folder. The test run of a fault stops
 # at its first failing test, unless KORVEL_MUTANTS_FULL=1: then each log
@@ -196,7 +197,8 @@ main() {
     shift
   fi
   filter=${1:-}
-  scratch=${KORVEL_MUTANTS_DIR:-/tmp/korvel-mutants}
+  # One scratch copy per work tree: two trees never share one.
+  scratch=${KORVEL_MUTANTS_DIR:-/tmp/korvel-mutants.$(pwd | md5sum | cut -c1-8)}
   src=$scratch/src
   build=$scratch/build
   logs=$scratch/logs
