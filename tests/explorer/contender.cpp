@@ -143,12 +143,12 @@ const Fault* fire(Call call, const char* path) {
   std::lock_guard<std::mutex> lock(faultMutex);
   const double t = now();
   for (Fault& f : config.faults) {
-    if (f.call != call || f.at < 0 || t < f.at) continue;
+    if (f.call != call || f.at < 0 || t < f.at || !explorer::targets(f.target, path)) continue;
     if (f.skip-- > 0) continue;
     f.at = -1;  // used up
     // A hang or pause that would outlast the schedule is left out.
     if (f.kind != 'f' && t + f.seconds > config.end - 0.5) return nullptr;
-    say("fault", "%c %s %s", f.kind, explorer::kCallNames[call], path != nullptr ? path : "-");
+    say("fault", "%c %s %s", f.kind, explorer::kCallNames[call], *path != '\0' ? path : "-");
     return &f;
   }
   return nullptr;
@@ -224,6 +224,13 @@ int numberOf(const char* path) {
   return n > 0 ? numberIn(text, static_cast<size_t>(n)) : -1;
 }
 
+// The path fd was opened with, for any file this process opened.
+std::string pathOf(int fd) {
+  std::lock_guard<std::mutex> lock(observedMutex);
+  auto found = opened.find(fd);
+  return found != opened.end() ? found->second.path : std::string();
+}
+
 void actOn(const char* path) {
   if (readBackAt >= 0 && now() - readBackAt > kLateSeconds) say("late", "%s", path);
 }
@@ -255,11 +262,15 @@ extern "C" double hostRealtime() {
   return wallClock(now());
 }
 
+// Sleeps last at least this many host seconds, a millisecond of real time
+// at the default scale: polling faster only burns the cores the other
+// contenders need. Fixed in host time, so that a schedule runs the same at
+// any scale.
+constexpr double kShortestSleep = 0.2;
+
 extern "C" void hostSleepMilliseconds(unsigned ms) {
   readBackAt = -1;
-  // At least a millisecond of real time: polling faster only burns the
-  // cores the other contenders need.
-  sleepFor(std::max(ms / 1000.0, config.scale / 1000.0));
+  sleepFor(std::max(ms / 1000.0, kShortestSleep));
 }
 
 extern "C" double hostRealSeconds(double seconds) {
@@ -288,15 +299,16 @@ extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
 }
 
 extern "C" int hostClose(int fd) {
+  const std::string path = pathOf(fd);
   {
     std::lock_guard<std::mutex> lock(observedMutex);
     opened.erase(fd);
   }
-  return faulted(explorer::kClose, "-", -1, [&] { return hostDefaultClose(fd); });
+  return faulted(explorer::kClose, path.c_str(), -1, [&] { return hostDefaultClose(fd); });
 }
 
 extern "C" ssize_t hostPread(int fd, void* buffer, size_t size, off_t offset) {
-  const ssize_t n = faulted(explorer::kPread, "-", static_cast<ssize_t>(-1),
+  const ssize_t n = faulted(explorer::kPread, pathOf(fd).c_str(), static_cast<ssize_t>(-1),
                             [&] { return hostDefaultPread(fd, buffer, size, offset); });
   std::lock_guard<std::mutex> lock(observedMutex);
   auto found = opened.find(fd);
@@ -308,16 +320,11 @@ extern "C" ssize_t hostPread(int fd, void* buffer, size_t size, off_t offset) {
 
 namespace {
 
-const char* pathOf(int fd) {
-  std::lock_guard<std::mutex> lock(observedMutex);
-  auto found = opened.find(fd);
-  return found != opened.end() && found->second.lockFile ? found->second.path.c_str() : nullptr;
-}
-
 template <class Body>
 ssize_t writeThrough(int fd, const void* buffer, size_t size, Body body) {
-  if (const char* path = pathOf(fd)) actOn(path);
-  const ssize_t n = faulted(explorer::kWrite, "-", static_cast<ssize_t>(-1), [&] {
+  const std::string path = pathOf(fd);
+  if (isLockFile(path.c_str())) actOn(path.c_str());
+  const ssize_t n = faulted(explorer::kWrite, path.c_str(), static_cast<ssize_t>(-1), [&] {
     const ssize_t written = body();
     if (written == static_cast<ssize_t>(size)) stamp(fd);
     return written;
@@ -338,8 +345,9 @@ extern "C" ssize_t hostPwrite(int fd, const void* buffer, size_t size, off_t off
 }
 
 extern "C" int hostFtruncate(int fd, off_t length) {
-  if (const char* path = pathOf(fd)) actOn(path);
-  return faulted(explorer::kFtruncate, "-", -1, [&] {
+  const std::string path = pathOf(fd);
+  if (isLockFile(path.c_str())) actOn(path.c_str());
+  return faulted(explorer::kFtruncate, path.c_str(), -1, [&] {
     const int rc = hostDefaultFtruncate(fd, length);
     if (rc == 0) stamp(fd);
     return rc;
@@ -353,14 +361,17 @@ extern "C" int hostStat(const char* path, struct stat* st) {
 
 extern "C" int hostFstat(int fd, struct stat* st) {
   readBackAt = -1;
-  return faulted(explorer::kStat, "-", -1, [&] { return hostDefaultFstat(fd, st); });
+  return faulted(explorer::kStat, pathOf(fd).c_str(), -1, [&] { return hostDefaultFstat(fd, st); });
 }
 
 extern "C" int hostRemoveFile(const char* path) {
   const bool lockFile = isLockFile(path);
   if (lockFile) actOn(path);
-  const int number = lockFile ? numberOf(path) : -1;
-  const int rc = faulted(explorer::kRemove, path, -1, [&] { return hostDefaultRemoveFile(path); });
+  int number = -1;
+  const int rc = faulted(explorer::kRemove, path, -1, [&] {
+    if (lockFile) number = numberOf(path);  // what the removal hits, after a hang
+    return hostDefaultRemoveFile(path);
+  });
   if (rc == 0 && lockFile) say("rm", "%s %d", path, number);
   return rc;
 }
@@ -420,19 +431,36 @@ class Lock {
     writing_->onLost([] { say("told"); });
   }
 
+  // A directory whose stat failed reads as gone: the lock throws, and the
+  // contender logs it as an error (errno -1) and goes on.
   bool acquire(bool write, unsigned long ms) {
     write_ = write;
-    if (exclusive_) return exclusive_->acquire(ms, TimeUnit::sMilliseconds(), false);
-    return handle().acquire(ms, TimeUnit::sMilliseconds());
+    return failSafe([&] {
+      return exclusive_ ? exclusive_->acquire(ms, TimeUnit::sMilliseconds(), false)
+                        : handle().acquire(ms, TimeUnit::sMilliseconds());
+    });
   }
   bool release() {
-    if (exclusive_) return exclusive_->release(koForever, TimeUnit::sSeconds());
-    return handle().release(koForever, TimeUnit::sSeconds());
+    return failSafe([&] {
+      return exclusive_ ? exclusive_->release(koForever, TimeUnit::sSeconds())
+                        : handle().release(koForever, TimeUnit::sSeconds());
+    });
   }
   bool lost() const { return exclusive_ ? exclusive_->lost() : handle().lost(); }
   const char* kind() const { return exclusive_ ? "X" : write_ ? "W" : "R"; }
 
  private:
+  template <class Call>
+  static bool failSafe(Call call) {
+    try {
+      return call();
+    } catch (const std::exception& e) {
+      say("error", "%s", e.what());
+      errno = -1;
+      return false;
+    }
+  }
+
   koDirectoryReadWriteLock::AbstractLock& handle() const {
     return write_ ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(*writing_) : *reading_;
   }
@@ -455,7 +483,8 @@ void contend() {
   Lock lock;
   bool victim = config.dieAfter >= 0;
   for (bool first = true;; first = false) {
-    if (!(first && victim)) sleepFor(uniform(0.0, 2.0));
+    // The others let contender 0 go first.
+    if (!(first && victim)) sleepFor(first ? uniform(1.0, 3.0) : uniform(0.0, 2.0));
     const double left = config.end - 1.0 - now();
     if (left <= 0) break;
     const bool write = victim || uniform(0, 1) < 0.5;
@@ -498,6 +527,8 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: contender DIR LOG key=value...\n");
     return 64;
   }
+  // All contenders begin at host time 0, however long each took to start.
+  sleepFor(-now());
   say("start");
   contend();
   say("end");

@@ -4,7 +4,7 @@
 // promise.
 //
 //   explorer CONTENDER [--schedules N | --minutes M] [--first S] [--jobs J]
-//            [--seed S [--repeat R]] [--scale X] [--keep]
+//            [--seed S [--repeat R]] [--scale X] [--keep] [--calm]
 //
 // A schedule is made from its seed alone: the lock (exclusive or
 // read-write), 3 or 4 contenders, 32 s of host time, whether file times
@@ -20,7 +20,8 @@
 //     its file) had not ended when the later one acquired;
 //   - late notice: a holder whose lease had ended by more than a second
 //     still read lost() as false;
-//   - left: a lock file is left at the end that no killed contender wrote;
+//   - left: a lock file is left at the end that neither a killed contender
+//     wrote nor one whose lease on it had run out before it ended;
 //   - hang: a contender had not ended 10 s of host time after the schedule.
 // An overlap is counted as a known-window hit instead when some contender
 // acted on a lock file late after reading back its own number (the window
@@ -61,7 +62,7 @@ namespace explorer {
 namespace {
 
 constexpr double kLease = 14.0;
-constexpr double kNoticeTolerance = 1.0;
+constexpr double kNoticeTolerance = 0.5;
 constexpr double kForever = std::numeric_limits<double>::infinity();
 constexpr int kErrors[] = {EIO, ENOSPC, ESTALE, EINTR};
 
@@ -75,6 +76,7 @@ struct Options {
   int repeat = 1;
   double scale = 200;
   bool keep = false;
+  bool calm = false;
 };
 Options options;
 
@@ -124,10 +126,16 @@ struct Schedule {
         const double kind = uniform(0, 1);
         f.kind = kind < 0.45 ? 's' : kind < 0.75 ? 'f' : 'p';
         f.call = chance(0.3) ? kStat : pick(kCalls);  // the stale test's own call
+        // Half of them for one kind of file of this lock.
+        static const int kExclusiveTargets[] = {kLevel0, kQueueLevel, kTempFile};
+        static const int kReadWriteTargets[] = {kWriteLock, kReadLock, kLevel0, kTempFile};
+        if (f.call != kList && chance(0.5)) {
+          f.target = rw ? kReadWriteTargets[pick(4)] : kExclusiveTargets[pick(3)];
+        }
         f.afterCall = chance(0.5);
-        // Half of them around the moment contender 0's file, written in
-        // its first second, first looks stale: where the takeovers are.
-        f.at = chance(0.5) ? uniform(14.5, 16.5) : uniform(0, end - 2);
+        // Half of them around 16 s, when contender 0's file, written in its
+        // first second, first looks stale: where the takeovers are.
+        f.at = chance(0.5) ? uniform(15.5, 17) : uniform(0, end - 2);
         f.skip = pick(4);
         f.seconds = f.kind == 's' ? uniform(16, 21) : uniform(0.2, 20);
         f.error = kErrors[pick(4)];
@@ -140,6 +148,26 @@ struct Schedule {
           {at, 1 + pick(processes - 1), SIGSTOP, uniform(1, std::min(20.0, end - 1 - at))});
     }
     if (chance(0.15)) signals.push_back({uniform(1, end - 2), 1 + pick(processes - 1), SIGKILL, 0});
+    // The calm profile keeps only what the lock survives by design: file
+    // times from the server's steady clock, steps of the clients' wall
+    // clocks, pauses of a thread shorter than the lease, and contenders
+    // killed.
+    if (options.calm) {
+      clientStamps = false;
+      server.clear();
+      for (int p = 0; p < processes; ++p) {
+        clock[p].erase(std::remove_if(clock[p].begin(), clock[p].end(),
+                                      [](const Step& s) { return s.at == 0; }),
+                       clock[p].end());
+        faults[p].erase(
+            std::remove_if(faults[p].begin(), faults[p].end(),
+                           [](const Fault& f) { return f.kind != 'p' || f.seconds > 10; }),
+            faults[p].end());
+      }
+      signals.erase(std::remove_if(signals.begin(), signals.end(),
+                                   [](const Signal& s) { return s.signal != SIGKILL; }),
+                    signals.end());
+    }
   }
 
   std::string words() const {
@@ -260,7 +288,7 @@ class Run {
   }
 
   void start() {
-    epoch_ = monotonicNs() + 2000000;  // the contenders start within 2 ms
+    epoch_ = monotonicNs() + 25000000;  // the contenders wait for it: 25 ms to start
     for (int p = 0; p < s_.processes; ++p) {
       std::vector<std::string> args = {options.contender, dir_,
                                        root_ + "/p" + std::to_string(p) + ".log"};
@@ -310,7 +338,9 @@ class Run {
   }
 
   void wait() {
-    const long long giveUp = realAt(s_.end + 10);
+    // Time enough for a loaded machine, where host time runs on while a
+    // contender waits for a core.
+    const long long giveUp = realAt(s_.end + 10) + 2000000000LL;
     for (size_t left = pids_.size(); left > 0;) {
       left = 0;
       for (size_t p = 0; p < pids_.size(); ++p) {
@@ -374,20 +404,18 @@ class Run {
     return (last > -kForever ? last : h.acq) + kLease;
   }
 
-  // Whether p was told, after it wrote number, that it lost a lock or
-  // could not remove its file: then the file is left to go stale.
-  bool disowned(int p, int number) const {
-    bool written = false;
+  // Whether p's lease on the file holding number had run out before p
+  // ended: the lock then leaves the file to go stale, by design.
+  bool outlived(int p, int number) const {
+    double written = -kForever;
     for (const Event& e : events_[p]) {
-      if (e.what == "w" && e.rest.size() > 0 &&
-          atoi(e.rest.substr(e.rest.rfind(' ') + 1).c_str()) == number) {
-        written = true;
+      double opened;
+      int n;
+      if (e.what == "w" && sscanf(e.rest.c_str(), "%lf %*s %d", &opened, &n) == 2 && n == number) {
+        written = opened;
       }
-      if (written &&
-          (e.what == "told" || e.what == "lost" || (e.what == "rel" && e.rest[0] == '0')))
-        return true;
     }
-    return false;
+    return !events_[p].empty() && written + kLease < events_[p].back().t;
   }
 
   void check() {
@@ -467,7 +495,7 @@ class Run {
       const int number = atoi(readFile(dir_ + "/" + name).c_str());
       auto found = owner_.find(number);
       if (found == owner_.end() ? anyKilled
-                                : killed_[found->second] || disowned(found->second, number)) {
+                                : killed_[found->second] || outlived(found->second, number)) {
         continue;
       }
       snprintf(
@@ -530,7 +558,7 @@ Outcome runOne(unsigned long long seed, const std::string& root, Totals& totals,
 int usage() {
   fprintf(stderr,
           "usage: explorer CONTENDER [--schedules N | --minutes M] [--first S] [--jobs J]\n"
-          "                [--seed S [--repeat R]] [--scale X] [--keep]\n");
+          "                [--seed S [--repeat R]] [--scale X] [--keep] [--calm]\n");
   return 64;
 }
 
@@ -544,7 +572,7 @@ int main(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) {
     const std::string arg = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-    if (value == nullptr && arg != "--keep") return usage();
+    if (value == nullptr && arg != "--keep" && arg != "--calm") return usage();
     if (arg == "--schedules")
       options.schedules = atol(value);
     else if (arg == "--minutes")
@@ -559,6 +587,8 @@ int main(int argc, char** argv) {
       options.repeat = std::max(1, atoi(value));
     else if (arg == "--scale")
       options.scale = atof(value);
+    else if (arg == "--calm")
+      options.calm = true, --i;
     else if (arg == "--keep")
       options.keep = true, --i;
     else

@@ -16,11 +16,23 @@ enum Call { kOpen, kClose, kPread, kWrite, kFtruncate, kStat, kRemove, kList, kC
 constexpr const char* kCallNames[kCalls] = {"open",      "close", "pread",  "write",
                                             "ftruncate", "stat",  "remove", "list"};
 
-// One fault of one contender: it hits the (skip+1)-th call of its kind made
-// at or after `at`, on any thread of the contender.
+// Which files a fault is for, by name.
+enum Target { kAnyFile, kWriteLock, kReadLock, kLevel0, kQueueLevel, kTempFile, kTargets };
+constexpr const char* kTargetNames[kTargets] = {"",
+                                                " of the write lock",
+                                                " of a read lock",
+                                                " of level 0",
+                                                " of a queue level",
+                                                " of a temp file"};
+// Whether path (the file of a call; a pattern for a listing) is target's.
+bool targets(int target, const char* path);
+
+// One fault of one contender: it hits the (skip+1)-th call of its kind on
+// a file of its target made at or after `at`, on any thread of the contender.
 struct Fault {
   char kind = 's';  // 's' the call hangs, 'f' it fails, 'p' the thread pauses after it
   int call = kStat;
+  int target = kAnyFile;
   bool afterCall = false;  // a hang: the answer is late (true) or the request (false)
   double at = 0.0;
   int skip = 0;
