@@ -12,7 +12,8 @@
 #                                          replay one seed (R times)
 # Further options go to the explorer as they are: --first S (the first
 # seed), --jobs J (schedules run side by side, default 2), --scale X (host
-# time per real second, default 200), --keep (keep every schedule's logs).
+# seconds per real second, default 200), --calm (only the faults the lock
+# survives by design), --keep (keep every schedule's logs).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${KORVEL_BUILD_DIR:-build/normal}

@@ -48,9 +48,14 @@ rw_release_keeps_file | fs_lock/read_write_lock.cpp | removed = releaseHolding(*
 waiter_leaves_stale_files | fs_lock/read_write_lock.cpp | for (const std::string& stale : remover->staleFiles) remover->removeStaleFile(stale); | | ^fs_lock_test\.Rw
 rewrite_without_reading_back | fs_lock/fs_lock.cpp | if (readNumber(fd, found, &size) && found == expected) { | if (readNumber(fd, found, &size)) { | ^fs_lock_test\.(LockProcessTest\.Holders|RwLockTest\.HeldFiles)
 unlink_without_reading_back | fs_lock/fs_lock.cpp | if (!read \|\| found != expected) return Owned::kLost; | if (!read) return Owned::kLost; | ^fs_lock_test\.(FsLockTest\.LockFiles|LockProcessTest\.Holders)
-lease_timer_never_fires | fs_lock/fs_lock.cpp | if (now < leaseEnd_) return leaseEnd_; | return leaseEnd_; | FsLockTest\.ALease
-lease_of_16_seconds | fs_lock/protocol.h | constexpr double kLeaseSeconds = 14.0; | constexpr double kLeaseSeconds = 16.0; | FsLockTest\.ALease
-takeover_without_own_check | fs_lock/exclusive_lock.cpp | if (!keepPlace()) return Step::kLost; | | FsLockTest\.AWaiterStopped
+lease_timer_never_fires | fs_lock/fs_lock.cpp | if (now < leaseEnd_) return leaseEnd_; | return leaseEnd_; | FsLockTest\.ALease|^lock_explorer_calm$
+lease_of_16_seconds | fs_lock/protocol.h | constexpr double kLeaseSeconds = 14.0; | constexpr double kLeaseSeconds = 16.0; | FsLockTest\.ALease|^lock_explorer_calm$
+takeover_without_own_check | fs_lock/exclusive_lock.cpp | if (!keepPlace()) return Step::kLost; | | FsLockTest\.AWaiterStopped|^lock_explorer_calm$
+# ---- Lease and clock arithmetic, for the fault explorer's calm profile ----
+lease_from_end_of_refresh | fs_lock/fs_lock.cpp | holding.wrote(value, start); | holding.wrote(value, hostMonotonic()); | ^lock_explorer_calm$|^fs_lock_test\.
+first_lease_is_stale_time | fs_lock/fs_lock.cpp | lost_ = false;\n    leaseEnd_ = start + korvel_protocol::kLeaseSeconds; | lost_ = false;\n    leaseEnd_ = start + korvel_protocol::kStaleSeconds; | ^lock_explorer_calm$|^fs_lock_test\.
+lease_timer_oversleeps | fs_lock/fs_lock.cpp | std::min(1.0, std::max(0.0, next - hostMonotonic())) | std::max(0.0, next - hostMonotonic()) | ^lock_explorer_calm$|^fs_lock_test\.
+lease_on_the_wall_clock | fs_lock/fs_lock.cpp | const double start = hostMonotonic();\n  const int value = numbers.next();\n  switch (rewriteIfOurs | const double start = hostRealtime();\n  const int value = numbers.next();\n  switch (rewriteIfOurs | ^lock_explorer_calm$|^fs_lock_test\.
 lock_file_kept_under_lost_dir_lock | fs_lock/read_write_lock.cpp | if (!guard.stillHeld()) { | if (false) { | RwLockTest\.NoLockFileIsKept
 unlistable_directory_lets_writers_in | fs_lock/read_write_lock.cpp | return Entry::kRefused;\n  }\n  return readers.empty() | return Entry::kFree;\n  }\n  return readers.empty() | RwLockTest\.Missing
 unknown_write_lock_lets_readers_in | fs_lock/read_write_lock.cpp | return errno == ENOENT ? 0 : -1; | return 0; | RwLockTest\.Missing

@@ -96,29 +96,17 @@ void sleepFor(double seconds) {
   }
 }
 
-// Logs "WHAT T REST" with T the host time t.
-void sayAtV(double t, const char* what, const char* format, va_list args) {
+// Logs "WHAT T REST", T the host time now.
+void say(const char* what, const char* format = "", ...) {
+  const double t = now();
   char rest[400];
+  va_list args;
+  va_start(args, format);
   vsnprintf(rest, sizeof rest, format, args);
+  va_end(args);
   char line[512];
   const int n = snprintf(line, sizeof line, "%s %.4f%s%s\n", what, t, *rest ? " " : "", rest);
   (void)!write(logFd, line, static_cast<size_t>(std::min(n, static_cast<int>(sizeof line) - 1)));
-}
-
-void sayAt(double t, const char* what, const char* format = "", ...) {
-  va_list args;
-  va_start(args, format);
-  sayAtV(t, what, format, args);
-  va_end(args);
-}
-
-// The same, now.
-void say(const char* what, const char* format = "", ...) {
-  const double t = now();
-  va_list args;
-  va_start(args, format);
-  sayAtV(t, what, format, args);
-  va_end(args);
 }
 
 // Sets the file times of fd as the file server would.
@@ -503,12 +491,11 @@ void contend() {
         std::min(now() + (victim ? config.dieAfter : uniform(0.5, 10.0)), config.end - 0.5);
     while (now() < until) {
       sleepFor(0.25);
-      const double t = now();
       if (lock.lost()) {
         say("lost");
         break;
       }
-      sayAt(t, "chk");
+      say("chk");
     }
     if (victim) {
       say("die");

@@ -1,34 +1,35 @@
 // The fault explorer of the directory locks: runs schedules of contenders
-// (tests/explorer/contender.cpp) that take one directory's lock while a
-// seed injects faults, then checks what they recorded against the lock's
-// promise.
+// (contender.cpp) that take one directory's lock while faults chosen by a
+// seed hit them, then checks what they recorded against the lock's promise.
 //
 //   explorer CONTENDER [--schedules N | --minutes M] [--first S] [--jobs J]
-//            [--seed S [--repeat R]] [--scale X] [--keep] [--calm]
+//            [--seed S [--repeat R]] [--scale X] [--calm] [--keep]
 //
-// A schedule is made from its seed alone: the lock (exclusive or
-// read-write), 3 or 4 contenders, 32 s of host time, whether file times
-// are stamped by the server's clock or by each client's, the faults. One
-// contender is always killed early in its first hold, so every schedule
-// has a dead holder's file to take over. Host time runs `scale` times
-// faster than real time (see schedule.h), so a schedule takes about
-// 32 / scale seconds.
+// A schedule follows from its seed alone: the lock (exclusive, or
+// read-write with readers and writers), 3 or 4 contenders, 40 s of host
+// time, file times from the server's clock or from each client's, and the
+// faults. Contender 0 is killed early in its first hold, so that every
+// schedule has a dead holder's file to take over. Host time runs `scale`
+// times faster than real time (see schedule.h): a schedule takes 0.2 s at
+// the default scale. --calm keeps only the faults the lock survives by
+// design: server-stamped file times, steps of the clients' wall clocks,
+// pauses shorter than the lease, kills.
 //
 // The oracle, per schedule:
 //   - overlap: two holds that exclude each other overlap, and the earlier
 //     holder's lease (14 s from the start of its last write that reached
 //     its file) had not ended when the later one acquired;
-//   - late notice: a holder whose lease had ended by more than a second
-//     still read lost() as false;
-//   - left: a lock file is left at the end that neither a killed contender
-//     wrote nor one whose lease on it had run out before it ended;
-//   - hang: a contender had not ended 10 s of host time after the schedule.
-// An overlap is counted as a known-window hit instead when some contender
-// acted on a lock file late after reading back its own number (the window
-// between a read-back and its act, see fs_lock.cpp) during the earlier
-// hold, before the later acquisition.
+//   - late notice: a holder read lost() as false more than 0.5 s after its
+//     lease ended;
+//   - left: a lock file is left at the end, written neither by a killed
+//     contender nor by one whose lease on it ran out before it ended;
+//   - hang: a contender had not ended 10 s of host time after the schedule;
+//   - stuck (calm only): no file of a dead holder was taken over.
+// An overlap counts as a known-window hit instead when, during the earlier
+// hold and before the later acquisition, a contender acted on a lock file
+// late after reading back its own number: the window between a read-back
+// and its act that the notes in fs_lock name.
 #include <dirent.h>
-#include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
 #include <spawn.h>
@@ -40,10 +41,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <limits>
 #include <map>
@@ -64,7 +64,6 @@ namespace {
 constexpr double kLease = 14.0;
 constexpr double kNoticeTolerance = 0.5;
 constexpr double kForever = std::numeric_limits<double>::infinity();
-constexpr int kErrors[] = {EIO, ENOSPC, ESTALE, EINTR};
 
 struct Options {
   std::string contender;
@@ -75,27 +74,36 @@ struct Options {
   bool single = false;
   int repeat = 1;
   double scale = 200;
-  bool keep = false;
   bool calm = false;
-};
-Options options;
+  bool keep = false;
+} options;
+
+std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* text, ...) {
+  char line[512];
+  va_list args;
+  va_start(args, text);
+  vsnprintf(line, sizeof line, text, args);
+  va_end(args);
+  return line;
+}
 
 // ---- Schedules ----
 
 struct Signal {
   double at;
   int who;
-  int signal;  // SIGSTOP (SIGCONT follows after `length`) or SIGKILL
+  int signal;  // SIGSTOP, with SIGCONT `length` later; or SIGKILL
   double length;
 };
 
 struct Schedule {
-  unsigned long long seed = 0;
-  bool rw = false;
-  int processes = 3;
+  unsigned long long seed;
+  bool rw;
+  int processes;
   double end = 40.0;
-  bool clientStamps = false;
-  double dieAfter = 1.0;  // contender 0's first hold ends in SIGKILL
+  bool clientStamps;
+  double dieAfter;  // contender 0's first hold ends in SIGKILL
   std::vector<Step> server;
   std::vector<std::vector<Step>> clock;
   std::vector<std::vector<Fault>> faults;
@@ -108,27 +116,27 @@ struct Schedule {
     };
     auto chance = [&uniform](double p) { return uniform(0, 1) < p; };
     auto pick = [&random](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+    auto sign = [&chance] { return chance(0.5) ? 1 : -1; };
+    const bool calm = options.calm;
     rw = chance(0.5);
     processes = 3 + pick(2);
-    clientStamps = chance(0.2);
+    clientStamps = !calm && chance(0.2);
     dieAfter = uniform(0.5, 4.0);
-    if (chance(0.3))
-      server.push_back({uniform(2, end - 6), (chance(0.5) ? 1 : -1) * uniform(1, 40)});
+    if (!calm && chance(0.3)) server.push_back({uniform(2, end - 6), sign() * uniform(1, 40)});
     clock.resize(processes);
     faults.resize(processes);
+    static const int kExclusiveTargets[] = {kLevel0, kQueueLevel, kTempFile};
+    static const int kReadWriteTargets[] = {kWriteLock, kReadLock, kLevel0, kTempFile};
+    static const int kErrors[] = {EIO, ENOSPC, ESTALE, EINTR};
     for (int p = 0; p < processes; ++p) {
-      if (clientStamps && chance(0.5))
-        clock[p].push_back({0, (chance(0.5) ? 1 : -1) * uniform(1, 200)});
-      if (chance(0.15))
-        clock[p].push_back({uniform(2, end - 6), (chance(0.5) ? 1 : -1) * uniform(1, 200)});
-      for (int n = pick(4); n > 0; --n) {
+      if (clientStamps && chance(0.5)) clock[p].push_back({0, sign() * uniform(1, 200)});
+      if (chance(0.15)) clock[p].push_back({uniform(2, end - 6), sign() * uniform(1, 200)});
+      for (int n = pick(calm ? 3 : 4); n > 0; --n) {
         Fault f;
         const double kind = uniform(0, 1);
-        f.kind = kind < 0.45 ? 's' : kind < 0.75 ? 'f' : 'p';
+        f.kind = calm ? 'p' : kind < 0.45 ? 's' : kind < 0.75 ? 'f' : 'p';
         f.call = chance(0.3) ? kStat : pick(kCalls);  // the stale test's own call
         // Half of them for one kind of file of this lock.
-        static const int kExclusiveTargets[] = {kLevel0, kQueueLevel, kTempFile};
-        static const int kReadWriteTargets[] = {kWriteLock, kReadLock, kLevel0, kTempFile};
         if (f.call != kList && chance(0.5)) {
           f.target = rw ? kReadWriteTargets[pick(4)] : kExclusiveTargets[pick(3)];
         }
@@ -137,98 +145,42 @@ struct Schedule {
         // first second, first looks stale: where the takeovers are.
         f.at = chance(0.5) ? uniform(15.5, 17) : uniform(0, end - 2);
         f.skip = pick(4);
-        f.seconds = f.kind == 's' ? uniform(16, 21) : uniform(0.2, 20);
+        f.seconds = f.kind == 's' ? uniform(16, 21) : uniform(0.2, calm ? 10 : 20);
         f.error = kErrors[pick(4)];
         faults[p].push_back(f);
       }
     }
-    if (chance(0.3)) {
+    if (!calm && chance(0.3)) {
       const double at = uniform(1, 20);
       signals.push_back(
           {at, 1 + pick(processes - 1), SIGSTOP, uniform(1, std::min(20.0, end - 1 - at))});
     }
     if (chance(0.15)) signals.push_back({uniform(1, end - 2), 1 + pick(processes - 1), SIGKILL, 0});
-    // The calm profile keeps only what the lock survives by design: file
-    // times from the server's steady clock, steps of the clients' wall
-    // clocks, pauses of a thread shorter than the lease, and contenders
-    // killed.
-    if (options.calm) {
-      clientStamps = false;
-      server.clear();
-      for (int p = 0; p < processes; ++p) {
-        clock[p].erase(std::remove_if(clock[p].begin(), clock[p].end(),
-                                      [](const Step& s) { return s.at == 0; }),
-                       clock[p].end());
-        faults[p].erase(
-            std::remove_if(faults[p].begin(), faults[p].end(),
-                           [](const Fault& f) { return f.kind != 'p' || f.seconds > 10; }),
-            faults[p].end());
-      }
-      signals.erase(std::remove_if(signals.begin(), signals.end(),
-                                   [](const Signal& s) { return s.signal != SIGKILL; }),
-                    signals.end());
-    }
   }
 
   std::string words() const {
-    std::ostringstream out;
-    char line[256];
-    snprintf(line, sizeof line,
-             "seed %llu: %s lock, %d contenders for %.0f s, file times from %s\n", seed,
-             rw ? "read-write" : "exclusive", processes, end,
-             clientStamps ? "each client's wall clock" : "the server's clock");
-    out << line;
-    snprintf(line, sizeof line, "  p0 takes the lock%s first and is killed %.1f s into that hold\n",
-             rw ? " for writing" : "", dieAfter);
-    out << line;
+    std::string out = format("seed %llu: %s lock, %d contenders for %.0f s, file times from %s\n",
+                             seed, rw ? "read-write" : "exclusive", processes, end,
+                             clientStamps ? "each client's wall clock" : "the server's clock");
+    out += format("  p0 takes the lock%s first and is killed %.1f s into that hold\n",
+                  rw ? " for writing" : "", dieAfter);
     for (const Step& s : server) {
-      snprintf(line, sizeof line, "  the server's clock steps %+.1f s at %.1f s\n", s.delta, s.at);
-      out << line;
+      out += format("  the server's clock steps %+.1f s at %.1f s\n", s.delta, s.at);
     }
     for (int p = 0; p < processes; ++p) {
       for (const Step& s : clock[p]) {
-        snprintf(line, sizeof line, "  p%d's wall clock steps %+.1f s at %.1f s\n", p, s.delta,
-                 s.at);
-        out << line;
+        out += format("  p%d's wall clock steps %+.1f s at %.1f s\n", p, s.delta, s.at);
       }
-      for (const Fault& f : faults[p]) out << "  p" << p << ": " << f.words() << "\n";
+      for (const Fault& f : faults[p]) out += format("  p%d: %s\n", p, f.words().c_str());
     }
     for (const Signal& s : signals) {
-      if (s.signal == SIGSTOP) {
-        snprintf(line, sizeof line, "  p%d is stopped (SIGSTOP) at %.1f s for %.1f s\n", s.who,
-                 s.at, s.length);
-      } else {
-        snprintf(line, sizeof line, "  p%d is killed (SIGKILL) at %.1f s\n", s.who, s.at);
-      }
-      out << line;
+      out += s.signal == SIGSTOP ? format("  p%d is stopped (SIGSTOP) at %.1f s for %.1f s\n",
+                                          s.who, s.at, s.length)
+                                 : format("  p%d is killed (SIGKILL) at %.1f s\n", s.who, s.at);
     }
-    return out.str();
+    return out;
   }
 };
-
-// ---- Files ----
-
-std::vector<std::string> namesIn(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) names.push_back(e->d_name);
-    closedir(d);
-  }
-  return names;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void removeTree(const std::string& path) {
-  nftw(
-      path.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
-      FTW_DEPTH | FTW_PHYS);
-}
 
 // ---- Running one schedule ----
 
@@ -238,16 +190,27 @@ long long monotonicNs() {
   return t.tv_sec * 1000000000LL + t.tv_nsec;
 }
 
-void sleepUntilNs(long long at) {
-  timespec t = {static_cast<time_t>(at / 1000000000LL), static_cast<long>(at % 1000000000LL)};
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr) == EINTR) {
-  }
+void removeTree(const std::string& path) {
+  nftw(
+      path.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
+      FTW_DEPTH | FTW_PHYS);
 }
 
 struct Event {
   std::string what;
   double t;
-  std::string rest;
+  std::string path;   // of "w", "rm" and "take"
+  int number = -1;    // of "w", "rm" and "take"
+  double opened = 0;  // of "w"
+};
+
+struct Hold {
+  int p;
+  char kind;  // X, W or R
+  double acq;
+  double end;
+  std::string file;
+  std::vector<double> checks;
 };
 
 struct Outcome {
@@ -255,15 +218,6 @@ struct Outcome {
   int knownWindowHits = 0;
   int takeovers = 0;
   std::map<std::string, int> faults;  // injected, by kind
-};
-
-struct Hold {
-  int p;
-  char kind;
-  double acq;
-  double end = kForever;
-  std::string file;
-  std::vector<double> checks;
 };
 
 class Run {
@@ -290,35 +244,30 @@ class Run {
   void start() {
     epoch_ = monotonicNs() + 25000000;  // the contenders wait for it: 25 ms to start
     for (int p = 0; p < s_.processes; ++p) {
-      std::vector<std::string> args = {options.contender, dir_,
-                                       root_ + "/p" + std::to_string(p) + ".log"};
-      auto add = [&args](const std::string& key, const std::string& value) {
-        args.push_back(key + "=" + value);
-      };
-      char number[64];
-      add("id", std::to_string(p));
-      add("rw", s_.rw ? "1" : "0");
-      snprintf(number, sizeof number, "%g", options.scale);
-      add("scale", number);
-      add("epoch", std::to_string(epoch_));
-      add("end", std::to_string(s_.end));
-      add("seed", std::to_string(s_.seed));
-      add("client", s_.clientStamps ? "1" : "0");
-      add("die", p == 0 ? std::to_string(s_.dieAfter) : "-1");
+      std::vector<std::string> args = {options.contender,
+                                       dir_,
+                                       format("%s/p%d.log", root_.c_str(), p),
+                                       format("id=%d", p),
+                                       format("rw=%d", s_.rw ? 1 : 0),
+                                       format("scale=%g", options.scale),
+                                       format("epoch=%lld", epoch_),
+                                       format("end=%g", s_.end),
+                                       format("seed=%llu", s_.seed),
+                                       format("client=%d", s_.clientStamps ? 1 : 0),
+                                       format("die=%g", p == 0 ? s_.dieAfter : -1.0)};
       for (const Step& step : s_.server)
-        add("server", std::to_string(step.at) + ":" + std::to_string(step.delta));
+        args.push_back(format("server=%g:%g", step.at, step.delta));
       for (const Step& step : s_.clock[p])
-        add("clock", std::to_string(step.at) + ":" + std::to_string(step.delta));
-      for (const Fault& f : s_.faults[p]) add("fault", f.encode());
+        args.push_back(format("clock=%g:%g", step.at, step.delta));
+      for (const Fault& f : s_.faults[p]) args.push_back("fault=" + f.encode());
       std::vector<char*> argv;
       for (std::string& a : args) argv.push_back(&a[0]);
       argv.push_back(nullptr);
-      pid_t pid = -1;
-      if (posix_spawn(&pid, options.contender.c_str(), nullptr, nullptr, argv.data(), environ) != 0)
-        pid = -1;
+      pid_t pid = 0;
+      if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid = 0;
       pids_.push_back(pid);
-      killed_.push_back(false);
     }
+    killed_.assign(s_.processes, false);
   }
 
   void signal() {
@@ -330,10 +279,12 @@ class Run {
     std::sort(acts.begin(), acts.end(),
               [](const Signal& a, const Signal& b) { return a.at < b.at; });
     for (const Signal& act : acts) {
-      sleepUntilNs(realAt(act.at));
+      const long long at = realAt(act.at);
+      const timespec t = {static_cast<time_t>(at / 1000000000), static_cast<long>(at % 1000000000)};
+      while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr) == EINTR) {
+      }
       if (pids_[act.who] > 0) kill(pids_[act.who], act.signal);
-      if (act.signal == SIGSTOP) ++out_.faults["stop"];
-      if (act.signal == SIGKILL) ++out_.faults["kill"];
+      if (act.signal != SIGCONT) ++out_.faults[act.signal == SIGSTOP ? "stop" : "kill"];
     }
   }
 
@@ -341,49 +292,41 @@ class Run {
     // Time enough for a loaded machine, where host time runs on while a
     // contender waits for a core.
     const long long giveUp = realAt(s_.end + 10) + 2000000000LL;
-    for (size_t left = pids_.size(); left > 0;) {
-      left = 0;
-      for (size_t p = 0; p < pids_.size(); ++p) {
-        if (pids_[p] <= 0) continue;
+    for (bool running = true; running;) {
+      running = false;
+      for (int p = 0; p < s_.processes; ++p) {
         int status = 0;
+        if (pids_[p] <= 0) continue;
         if (waitpid(pids_[p], &status, WNOHANG) == pids_[p]) {
           killed_[p] = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
           pids_[p] = 0;
         } else if (monotonicNs() > giveUp) {
-          out_.violations.push_back("hang: p" + std::to_string(p) +
-                                    " had not ended 10 s after the schedule");
+          out_.violations.push_back(format("hang: p%d had not ended 10 s after the schedule", p));
           kill(pids_[p], SIGKILL);
           waitpid(pids_[p], &status, 0);
           killed_[p] = true;
           pids_[p] = 0;
         } else {
-          ++left;
+          running = true;
         }
       }
-      if (left > 0) usleep(1000);
+      if (running) usleep(1000);
     }
   }
 
   void read() {
     events_.resize(s_.processes);
     for (int p = 0; p < s_.processes; ++p) {
-      std::ifstream in(root_ + "/p" + std::to_string(p) + ".log");
+      std::ifstream in(format("%s/p%d.log", root_.c_str(), p));
       for (std::string line; std::getline(in, line);) {
         std::istringstream fields(line);
         Event e;
         fields >> e.what >> e.t;
-        std::getline(fields, e.rest);
-        if (!e.rest.empty() && e.rest[0] == ' ') e.rest.erase(0, 1);
+        if (e.what == "w") fields >> e.opened;
+        if (e.what == "w" || e.what == "rm" || e.what == "take") fields >> e.path >> e.number;
+        if (e.what == "acq" || e.what == "fault") fields >> e.path;  // the kind
+        if (e.what == "w") owner_[e.number] = p;
         events_[p].push_back(e);
-        if (e.what == "w") {
-          double opened;
-          char path[4096];
-          int number;
-          if (sscanf(e.rest.c_str(), "%lf %4095s %d", &opened, path, &number) == 3) {
-            owner_[number] = p;
-            writes_[{p, path}].push_back(opened);
-          }
-        }
       }
     }
     for (const Step& step : s_.server) out_.faults["server clock step"] += step.at < s_.end;
@@ -392,116 +335,110 @@ class Run {
     }
   }
 
-  // When p's lease on file ends, as it stood at t.
+  // The end of h's lease as it stood at t: 14 s after the start of the last
+  // write of h's file by h's contender that began by t.
   double leaseEnd(const Hold& h, double t) const {
-    auto found = writes_.find({h.p, h.file});
     double last = -kForever;
-    if (found != writes_.end()) {
-      for (double opened : found->second) {
-        if (opened <= t) last = std::max(last, opened);
-      }
+    for (const Event& e : events_[h.p]) {
+      if (e.what == "w" && e.path == h.file && e.opened <= t) last = std::max(last, e.opened);
     }
     return (last > -kForever ? last : h.acq) + kLease;
   }
 
-  // Whether p's lease on the file holding number had run out before p
-  // ended: the lock then leaves the file to go stale, by design.
+  // Whether p's lease on the file holding number ran out before p ended:
+  // the lock then leaves the file to go stale, by design.
   bool outlived(int p, int number) const {
-    double written = -kForever;
+    double written = kForever;
     for (const Event& e : events_[p]) {
-      double opened;
-      int n;
-      if (e.what == "w" && sscanf(e.rest.c_str(), "%lf %*s %d", &opened, &n) == 2 && n == number) {
-        written = opened;
-      }
+      if (e.what == "w" && e.number == number) written = e.opened;
     }
-    return !events_[p].empty() && written + kLease < events_[p].back().t;
+    return written + kLease < events_[p].back().t;
   }
 
   void check() {
     std::vector<Hold> holds;
     std::vector<double> late;
     for (int p = 0; p < s_.processes; ++p) {
-      Hold* open = nullptr;  // the last hold, while not released
-      std::string lastReadLock;
+      std::string readLock;
+      bool holding = false;
       for (const Event& e : events_[p]) {
-        if (e.what == "w" && e.rest.find("/.deploy_read_lock.") != std::string::npos) {
-          char path[4096];
-          if (sscanf(e.rest.c_str(), "%*f %4095s", path) == 1) lastReadLock = path;
+        if (e.what == "w" && e.path.find("/.deploy_read_lock.") != std::string::npos) {
+          readLock = e.path;
         } else if (e.what == "acq") {
-          holds.emplace_back();
-          Hold& h = holds.back();
-          h.p = p;
-          h.kind = e.rest[0];
-          h.acq = e.t;
-          h.file = h.kind == 'X'   ? dir_ + "/.deploy_lock.0"
-                   : h.kind == 'W' ? dir_ + "/.deploy_write_lock"
-                                   : lastReadLock;
-          open = &h;
-        } else if (open != nullptr && (e.what == "lost" || e.what == "told" || e.what == "rls")) {
-          open->end = std::min(open->end, e.t);
-          if (e.what == "rls") open = nullptr;
-        } else if (open != nullptr && e.what == "chk") {
-          open->checks.push_back(e.t);
+          const char kind = e.path[0];
+          holds.push_back({p,
+                           kind,
+                           e.t,
+                           kForever,
+                           kind == 'X'   ? dir_ + "/.deploy_lock.0"
+                           : kind == 'W' ? dir_ + "/.deploy_write_lock"
+                                         : readLock,
+                           {}});
+          holding = true;
+        } else if (holding && (e.what == "lost" || e.what == "told" || e.what == "rls")) {
+          holds.back().end = std::min(holds.back().end, e.t);
+          holding = e.what != "rls";
+        } else if (holding && e.what == "chk") {
+          holds.back().checks.push_back(e.t);
         } else if (e.what == "late") {
           late.push_back(e.t);
         } else if (e.what == "fault") {
-          ++out_.faults[e.rest[0] == 's' ? "hang" : e.rest[0] == 'f' ? "failure" : "pause"];
-        } else if (e.what == "take") {
-          ++out_.takeovers;
-        } else if (e.what == "rm") {
-          int number = -1;
-          sscanf(e.rest.c_str(), "%*s %d", &number);
-          auto found = owner_.find(number);
-          out_.takeovers += found != owner_.end() && found->second != p;
+          ++out_.faults[e.path == "s" ? "hang" : e.path == "f" ? "failure" : "pause"];
+        } else if (e.what == "take" || e.what == "rm") {
+          auto owner = owner_.find(e.number);
+          out_.takeovers += owner != owner_.end() && owner->second != p;
         }
       }
     }
-    char line[512];
     std::sort(holds.begin(), holds.end(),
               [](const Hold& a, const Hold& b) { return a.acq < b.acq; });
     for (size_t i = 0; i < holds.size(); ++i) {
       const Hold& a = holds[i];
       for (size_t j = i + 1; j < holds.size() && holds[j].acq < a.end; ++j) {
         const Hold& b = holds[j];
-        if (a.p == b.p || (a.kind == 'R' && b.kind == 'R')) continue;
         const double lease = leaseEnd(a, b.acq);
-        if (lease <= b.acq) continue;
-        const bool known = std::any_of(late.begin(), late.end(),
-                                       [&](double t) { return t >= a.acq && t <= b.acq; });
-        if (known) {
+        if (a.p == b.p || (a.kind == 'R' && b.kind == 'R') || lease <= b.acq) continue;
+        if (std::any_of(late.begin(), late.end(),
+                        [&](double t) { return t >= a.acq && t <= b.acq; })) {
           ++out_.knownWindowHits;
           continue;
         }
-        snprintf(line, sizeof line,
-                 "overlap: p%d (%c) held from %.2f s, its lease ran to %.2f s; p%d (%c) acquired "
-                 "at %.2f s",
-                 a.p, a.kind, a.acq, lease, b.p, b.kind, b.acq);
-        out_.violations.push_back(line);
+        out_.violations.push_back(
+            format("overlap: p%d (%c) held from %.2f s, its lease ran to %.2f s; p%d (%c) acquired "
+                   "at %.2f s",
+                   a.p, a.kind, a.acq, lease, b.p, b.kind, b.acq));
       }
       for (double t : a.checks) {
-        const double lease = leaseEnd(a, t);
-        if (t <= lease + kNoticeTolerance) continue;
-        snprintf(line, sizeof line,
-                 "late notice: p%d (%c) read lost() as false at %.2f s, its lease ended at %.2f s",
-                 a.p, a.kind, t, lease);
-        out_.violations.push_back(line);
+        if (t <= leaseEnd(a, t) + kNoticeTolerance) continue;
+        out_.violations.push_back(format(
+            "late notice: p%d (%c) read lost() as false at %.2f s, its lease ended at %.2f s", a.p,
+            a.kind, t, leaseEnd(a, t)));
         break;
       }
     }
+    // Without faults in the way, the dead holder's file must be taken over.
+    if (options.calm && out_.takeovers == 0 &&
+        std::count(killed_.begin(), killed_.end(), false) > 0) {
+      out_.violations.push_back("stuck: no file of a dead holder was taken over");
+    }
     const bool anyKilled = std::find(killed_.begin(), killed_.end(), true) != killed_.end();
-    for (const std::string& name : namesIn(dir_)) {
-      if (name.compare(0, 8, ".deploy_") != 0) continue;
-      const int number = atoi(readFile(dir_ + "/" + name).c_str());
-      auto found = owner_.find(number);
-      if (found == owner_.end() ? anyKilled
-                                : killed_[found->second] || outlived(found->second, number)) {
-        continue;
+    if (DIR* d = opendir(dir_.c_str())) {
+      while (dirent* entry = readdir(d)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, 8, ".deploy_") != 0) continue;
+        std::ifstream in(dir_ + "/" + name);
+        int number = -1;
+        in >> number;
+        auto owner = owner_.find(number);
+        if (owner == owner_.end() ? anyKilled
+                                  : killed_[owner->second] || outlived(owner->second, number)) {
+          continue;
+        }
+        out_.violations.push_back(
+            format("left: %s, written by %s", name.c_str(),
+                   owner == owner_.end() ? "nobody known" : format("p%d", owner->second).c_str()));
       }
-      snprintf(
-          line, sizeof line, "left: %s, written by %s", name.c_str(),
-          found == owner_.end() ? "nobody known" : ("p" + std::to_string(found->second)).c_str());
-      out_.violations.push_back(line);
+      closedir(d);
     }
   }
 
@@ -513,134 +450,135 @@ class Run {
   std::vector<bool> killed_;
   std::vector<std::vector<Event>> events_;
   std::map<int, int> owner_;  // number -> the contender that wrote it
-  std::map<std::pair<int, std::string>, std::vector<double>> writes_;  // opened-at times
   Outcome out_;
 };
 
-// ---- The runs ----
-
-std::mutex reportMutex;
+// ---- Many schedules ----
 
 struct Totals {
+  std::mutex mutex;
   long schedules = 0;
-  long failed = 0;
   long knownWindowHits = 0;
   long withoutTakeover = 0;
   std::map<std::string, long> faults;
-  std::vector<unsigned long long> failedSeeds;
+  std::vector<unsigned long long> failed;
 };
 
-// Runs one schedule in a fresh folder under root; prints it when it fails.
+// Runs one schedule in a fresh folder under root, adds it to the totals,
+// and prints it when it failed (unless quiet). Its logs stay when it failed.
 Outcome runOne(unsigned long long seed, const std::string& root, Totals& totals, bool quiet) {
   const Schedule schedule(seed);
-  const std::string folder =
-      root + "/s" + std::to_string(seed) + "-" + std::to_string(monotonicNs());
+  const std::string folder = format("%s/s%llu-%lld", root.c_str(), seed, monotonicNs());
   const Outcome out = Run(schedule, folder).go();
-  std::lock_guard<std::mutex> lock(reportMutex);
+  std::lock_guard<std::mutex> lock(totals.mutex);
   ++totals.schedules;
   totals.knownWindowHits += out.knownWindowHits;
   totals.withoutTakeover += out.takeovers == 0;
   for (const auto& f : out.faults) totals.faults[f.first] += f.second;
-  if (!out.violations.empty()) {
-    ++totals.failed;
-    totals.failedSeeds.push_back(seed);
-    if (!quiet) {
-      printf("VIOLATION %s", schedule.words().c_str());
-      for (const std::string& v : out.violations) printf("  => %s\n", v.c_str());
-      printf("  logs: %s\n", folder.c_str());
-      fflush(stdout);
-    }
+  if (out.violations.empty()) {
+    if (!options.keep) removeTree(folder);
+    return out;
   }
-  if (out.violations.empty() && !options.keep) removeTree(folder);
+  totals.failed.push_back(seed);
+  if (!quiet) {
+    printf("VIOLATION %s", schedule.words().c_str());
+    for (const std::string& v : out.violations) printf("  => %s\n", v.c_str());
+    printf("  logs: %s\n", folder.c_str());
+    fflush(stdout);
+  }
   return out;
 }
 
-int usage() {
-  fprintf(stderr,
-          "usage: explorer CONTENDER [--schedules N | --minutes M] [--first S] [--jobs J]\n"
-          "                [--seed S [--repeat R]] [--scale X] [--keep] [--calm]\n");
-  return 64;
+bool parse(int argc, char** argv) {
+  if (argc < 2) return false;
+  options.contender = argv[1];
+  for (int i = 2; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--calm" || arg == "--keep") {
+      (arg == "--calm" ? options.calm : options.keep) = true;
+      continue;
+    }
+    if (++i == argc) return false;
+    const char* value = argv[i];
+    if (arg == "--schedules") {
+      options.schedules = atol(value);
+    } else if (arg == "--minutes") {
+      options.minutes = atof(value);
+    } else if (arg == "--first" || arg == "--seed") {
+      options.first = strtoull(value, nullptr, 10);
+      options.single = arg == "--seed";
+    } else if (arg == "--jobs") {
+      options.jobs = std::max(1, atoi(value));
+    } else if (arg == "--repeat") {
+      options.repeat = std::max(1, atoi(value));
+    } else if (arg == "--scale") {
+      options.scale = atof(value);
+    } else {
+      return false;
+    }
+  }
+  return options.scale > 0;
+}
+
+// Replays one seed `repeat` times: its schedule, then each run's verdict.
+int replay(const std::string& root) {
+  Totals totals;
+  printf("%s", Schedule(options.first).words().c_str());
+  for (int r = 1; r <= options.repeat; ++r) {
+    const Outcome out = runOne(options.first, root, totals, true);
+    printf("run %d: %s\n", r, out.violations.empty() ? "no violation" : "");
+    for (const std::string& v : out.violations) printf("  => %s\n", v.c_str());
+  }
+  printf("violations in %zu of %ld runs\n", totals.failed.size(), totals.schedules);
+  return totals.failed.empty() ? 0 : 1;
+}
+
+int explore(const std::string& root) {
+  Totals totals;
+  const long long started = monotonicNs();
+  const long long stopAt = started + static_cast<long long>(options.minutes * 60e9);
+  const unsigned long long last = options.minutes > 0 ? ~0ULL : options.first + options.schedules;
+  std::atomic<unsigned long long> next{options.first};
+  std::vector<std::thread> workers;
+  for (int j = 0; j < options.jobs; ++j) {
+    workers.emplace_back([&] {
+      for (unsigned long long seed; (seed = next++) < last;) {
+        if (options.minutes > 0 && monotonicNs() >= stopAt) return;
+        runOne(seed, root, totals, false);
+      }
+    });
+  }
+  for (std::thread& w : workers) w.join();
+  const double seconds = static_cast<double>(monotonicNs() - started) / 1e9;
+  printf("explorer: %ld schedules in %.1f s at scale %g: %.0f schedules per minute\n",
+         totals.schedules, seconds, options.scale, totals.schedules * 60 / seconds);
+  printf("explorer: faults injected:");
+  for (const auto& f : totals.faults) printf(" %s %ld,", f.first.c_str(), f.second);
+  printf(" known-window hits %ld, schedules without a takeover %ld\n", totals.knownWindowHits,
+         totals.withoutTakeover);
+  std::sort(totals.failed.begin(), totals.failed.end());
+  printf("explorer: failing seeds:%s", totals.failed.empty() ? " none" : "");
+  for (unsigned long long seed : totals.failed) printf(" %llu", seed);
+  const long failed = static_cast<long>(totals.failed.size());
+  printf("\n%ld passed, %ld failed\n", totals.schedules - failed, failed);
+  return failed > 0 ? 1 : 0;
 }
 
 }  // namespace
 }  // namespace explorer
 
 int main(int argc, char** argv) {
-  using namespace explorer;
-  if (argc < 2) return usage();
-  options.contender = argv[1];
-  for (int i = 2; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-    if (value == nullptr && arg != "--keep" && arg != "--calm") return usage();
-    if (arg == "--schedules")
-      options.schedules = atol(value);
-    else if (arg == "--minutes")
-      options.minutes = atof(value);
-    else if (arg == "--first")
-      options.first = strtoull(value, nullptr, 10);
-    else if (arg == "--jobs")
-      options.jobs = std::max(1, atoi(value));
-    else if (arg == "--seed")
-      options.first = strtoull(value, nullptr, 10), options.single = true;
-    else if (arg == "--repeat")
-      options.repeat = std::max(1, atoi(value));
-    else if (arg == "--scale")
-      options.scale = atof(value);
-    else if (arg == "--calm")
-      options.calm = true, --i;
-    else if (arg == "--keep")
-      options.keep = true, --i;
-    else
-      return usage();
-    ++i;
+  using explorer::options;
+  if (!explorer::parse(argc, argv)) {
+    fprintf(stderr,
+            "usage: explorer CONTENDER [--schedules N | --minutes M] [--first S] [--jobs J]\n"
+            "                [--seed S [--repeat R]] [--scale X] [--calm] [--keep]\n");
+    return 64;
   }
   const char* tmp = getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe): before any thread
   std::string root = std::string(tmp != nullptr ? tmp : "/tmp") + "/korvel-explorer.XXXXXX";
   if (mkdtemp(&root[0]) == nullptr) return 2;
-  Totals totals;
-  const long long started = monotonicNs();
-  if (options.single) {
-    printf("%s", Schedule(options.first).words().c_str());
-    for (int r = 0; r < options.repeat; ++r) {
-      const Outcome out = runOne(options.first, root, totals, true);
-      printf("run %d: %s\n", r + 1,
-             out.violations.empty() ? "no violation" : out.violations[0].c_str());
-      for (size_t v = 1; v < out.violations.size(); ++v)
-        printf("       %s\n", out.violations[v].c_str());
-    }
-    printf("violations in %ld of %ld runs\n", totals.failed, totals.schedules);
-    if (totals.failed == 0 && !options.keep) removeTree(root);
-    return totals.failed > 0 ? 1 : 0;
-  }
-  std::atomic<unsigned long long> next{options.first};
-  const unsigned long long last = options.minutes > 0 ? ~0ULL : options.first + options.schedules;
-  const long long stopAt =
-      options.minutes > 0 ? started + static_cast<long long>(options.minutes * 60e9) : 0;
-  std::vector<std::thread> workers;
-  for (int j = 0; j < options.jobs; ++j) {
-    workers.emplace_back([&] {
-      for (;;) {
-        if (stopAt != 0 && monotonicNs() >= stopAt) return;
-        const unsigned long long seed = next++;
-        if (seed >= last) return;
-        runOne(seed, root, totals, false);
-      }
-    });
-  }
-  for (std::thread& w : workers) w.join();
-  const double minutes = static_cast<double>(monotonicNs() - started) / 60e9;
-  printf("explorer: %ld schedules in %.1f s at scale %g: %.0f schedules per minute\n",
-         totals.schedules, minutes * 60, options.scale, totals.schedules / minutes);
-  printf("explorer: faults injected:");
-  for (const auto& f : totals.faults) printf(" %s %ld,", f.first.c_str(), f.second);
-  printf(" known-window hits %ld, schedules without a takeover %ld\n", totals.knownWindowHits,
-         totals.withoutTakeover);
-  std::sort(totals.failedSeeds.begin(), totals.failedSeeds.end());
-  printf("explorer: failing seeds:");
-  for (unsigned long long seed : totals.failedSeeds) printf(" %llu", seed);
-  printf("%s\n", totals.failedSeeds.empty() ? " none" : "");
-  if (totals.failed == 0 && !options.keep) removeTree(root);
-  printf("%ld passed, %ld failed\n", totals.schedules - totals.failed, totals.failed);
-  return totals.failed > 0 ? 1 : 0;
+  const int status = options.single ? explorer::replay(root) : explorer::explore(root);
+  if (status == 0 && !options.keep) explorer::removeTree(root);
+  return status;
 }
