@@ -17,10 +17,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${KORVEL_BUILD_DIR:-build/normal}
-if [ ! -x "$build/tests/explorer" ] || [ ! -x "$build/tests/explorer_contender" ]; then
+if [ ! -x "$build/tests/lock_explorer" ]; then
   cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 fi
-cmake --build "$build" -j 2 --target explorer explorer_contender >/dev/null
+cmake --build "$build" -j 2 --target lock_explorer >/dev/null
 args=("$@")
 [ $# -eq 0 ] && args=(--schedules 1000)
-exec "$build/tests/explorer" "$build/tests/explorer_contender" "${args[@]}"
+exec "$build/tests/lock_explorer" "${args[@]}"

@@ -1,25 +1,25 @@
 // One contender of the fault explorer: a process that takes, holds and
 // releases one directory's lock through the public API, as its seed says,
 // while its host layer (the host calls defined below) compresses time,
-// stamps file times, injects faults and records what the oracle needs.
+// stamps file times, injects its faults of the schedule and records what
+// the oracle needs. Started by the runner (explorer.cpp) as
 //
-//   contender DIR LOG id=N rw=0|1 scale=X epoch=NS end=S seed=N client=0|1
-//             die=H [server=T:D]... [clock=T:D]... [fault=F]...
+//   explorer --contend DIR LOG SEED CALM ID SCALE EPOCH
 //
 // Time: host time (hostMonotonic) is CLOCK_MONOTONIC since the epoch, times
 // scale: every contender and the runner read one clock. Waits and sleeps
 // last 1/scale of their host time. File times are set by this host with
 // futimens after every change: from the server's clock (host time plus the
 // server's steps), or from this contender's wall clock when the schedule
-// has clients stamp them (client=1). hostRealtime() is the wall clock:
-// host time plus this contender's steps.
+// has clients stamp them. hostRealtime() is the wall clock: host time plus
+// this contender's steps.
 //
 // The log has one line per event, "WHAT T ...", T in host seconds:
-//   start, end, acq KIND (X, W or R), fail ERRNO, chk (lost() said no),
-//   lost (lost() said yes), told (the loss handler ran), rls (a release
-//   starts), rel OK ERRNO (it returned), die;
-//   and from the host layer (see "Observation"): w OPEN PATH NUMBER,
-//   rm PATH NUMBER, take PATH NUMBER, late PATH, fault KIND CALL PATH.
+//   start, end, acq KIND (X, W or R), fail ERRNO, error WHAT, chk (lost()
+//   said no), lost (lost() said yes), told (the loss handler ran), rls (a
+//   release starts), rel OK ERRNO (it returned), die; and from the host
+//   layer (see "Observation"): w OPEN PATH NUMBER, rm PATH NUMBER,
+//   take PATH NUMBER, late PATH, fault KIND CALL PATH.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -55,15 +55,11 @@ namespace {
 struct Config {
   std::string dir;
   int id = 0;
-  bool rw = false;
   double scale = 1.0;
   long long epochNs = 0;
-  double end = 0.0;
-  unsigned long long seed = 0;
-  bool clientStamps = false;
-  double dieAfter = -1.0;  // this contender is killed that long into its first hold
-  std::vector<Step> server, clock;
-  std::vector<Fault> faults;
+  std::unique_ptr<explorer::Schedule> schedule;
+  std::vector<Fault> faults;  // this contender's and anyone's, used up as they fire
+  std::string root;           // the schedule's folder
 };
 Config config;
 int logFd = -1;
@@ -83,7 +79,7 @@ double now() {
 }
 
 double wallClock(double t) {
-  return kEpochWallClock + t + explorer::offsetAt(config.clock, t);
+  return kEpochWallClock + t + explorer::offsetAt(config.schedule->clock[config.id], t);
 }
 
 // Sleeps for host seconds.
@@ -109,12 +105,16 @@ void say(const char* what, const char* format = "", ...) {
   (void)!write(logFd, line, static_cast<size_t>(std::min(n, static_cast<int>(sizeof line) - 1)));
 }
 
+// The time the file server stamps a change made at t with.
+double serverTime(double t) {
+  return config.schedule->clientStamps
+             ? wallClock(t)
+             : kEpochWallClock + t + explorer::offsetAt(config.schedule->server, t);
+}
+
 // Sets the file times of fd as the file server would.
 void stamp(int fd) {
-  const double t = now();
-  const double at = config.clientStamps
-                        ? wallClock(t)
-                        : kEpochWallClock + t + explorer::offsetAt(config.server, t);
+  const double at = serverTime(now());
   timespec times[2];
   times[0].tv_nsec = UTIME_OMIT;
   times[1].tv_sec = static_cast<time_t>(at);
@@ -126,17 +126,26 @@ void stamp(int fd) {
 
 std::mutex faultMutex;
 
+// The lock file this thread's last stat showed more than 15 s older than
+// the server's clock; cleared when it sleeps.
+thread_local std::string judgedStale;
+
 // The fault that hits this call, if any; it is logged and used up.
 const Fault* fire(Call call, const char* path) {
   std::lock_guard<std::mutex> lock(faultMutex);
   const double t = now();
   for (Fault& f : config.faults) {
-    if (f.call != call || f.at < 0 || t < f.at || !explorer::targets(f.target, path)) continue;
+    const bool target = f.target == explorer::kJudgedStale ? judgedStale == path
+                                                           : explorer::targets(f.target, path);
+    if (f.call != call || f.at < 0 || t < f.at || !target) continue;
     if (f.skip-- > 0) continue;
     f.at = -1;  // used up
+    // A fault of anyone goes to the contender that claims it first.
+    const std::string claim = config.root + "/claimed." + std::to_string(f.anyone);
+    if (f.anyone >= 0 && mkdir(claim.c_str(), 0755) != 0) continue;
     // A hang or pause that would outlast the schedule is left out.
-    if (f.kind != 'f' && t + f.seconds > config.end - 0.5) return nullptr;
-    say("fault", "%c %s %s", f.kind, explorer::kCallNames[call], *path != '\0' ? path : "-");
+    if (f.kind != 'f' && t + f.seconds > config.schedule->end - 0.5) return nullptr;
+    say("fault", "%c %d %s", f.kind, call, *path != '\0' ? path : "-");
     return &f;
   }
   return nullptr;
@@ -258,6 +267,7 @@ constexpr double kShortestSleep = 0.2;
 
 extern "C" void hostSleepMilliseconds(unsigned ms) {
   readBackAt = -1;
+  judgedStale.clear();
   sleepFor(std::max(ms / 1000.0, kShortestSleep));
 }
 
@@ -344,7 +354,11 @@ extern "C" int hostFtruncate(int fd, off_t length) {
 
 extern "C" int hostStat(const char* path, struct stat* st) {
   readBackAt = -1;
-  return faulted(explorer::kStat, path, -1, [&] { return hostDefaultStat(path, st); });
+  const int rc = faulted(explorer::kStat, path, -1, [&] { return hostDefaultStat(path, st); });
+  if (rc == 0 && isLockFile(path) && serverTime(now()) - static_cast<double>(st->st_mtime) > 15) {
+    judgedStale = path;
+  }
+  return rc;
 }
 
 extern "C" int hostFstat(int fd, struct stat* st) {
@@ -374,40 +388,12 @@ extern "C" char* hostGetDirList(const char* pattern, int flags) {
 
 namespace {
 
-bool parse(int argc, char** argv) {
-  if (argc < 3) return false;
-  config.dir = argv[1];
-  logFd = open(argv[2], O_WRONLY | O_CREAT | O_APPEND | O_TRUNC, 0644);
-  for (int i = 3; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const size_t eq = arg.find('=');
-    if (eq == std::string::npos) return false;
-    const std::string key = arg.substr(0, eq);
-    const char* value = arg.c_str() + eq + 1;
-    Step step{0, 0};
-    if (key == "id") config.id = atoi(value);
-    if (key == "rw") config.rw = atoi(value) != 0;
-    if (key == "scale") config.scale = atof(value);
-    if (key == "epoch") config.epochNs = atoll(value);
-    if (key == "end") config.end = atof(value);
-    if (key == "seed") config.seed = strtoull(value, nullptr, 10);
-    if (key == "client") config.clientStamps = atoi(value) != 0;
-    if (key == "die") config.dieAfter = atof(value);
-    if ((key == "server" || key == "clock") &&
-        sscanf(value, "%lf:%lf", &step.at, &step.delta) == 2) {
-      (key == "server" ? config.server : config.clock).push_back(step);
-    }
-    if (key == "fault") config.faults.push_back(Fault::decode(value));
-  }
-  return logFd >= 0 && config.scale > 0;
-}
-
 // The lock this contender takes: the exclusive lock, or the read-write
 // lock's read or write handle.
 class Lock {
  public:
   Lock() {
-    if (!config.rw) {
+    if (!config.schedule->rw) {
       exclusive_.reset(new koDirectoryExclusiveLock(config.dir, "explorer"));
       exclusive_->onLost([] { say("told"); });
       return;
@@ -462,18 +448,21 @@ class Lock {
 
 // Takes the lock again and again until the schedule ends: a gap, an
 // acquisition with a time-out (0, a single attempt, one time in five), a
-// hold that looks at lost() every quarter second, a release.
+// hold (10 to 25 s one time in three, so that leases can run out in it)
+// that looks at lost() every quarter second, a release.
 void contend() {
-  std::mt19937_64 random(config.seed * 7919 + static_cast<unsigned>(config.id));
+  const explorer::Schedule& schedule = *config.schedule;
+  std::mt19937_64 random(schedule.seed * 7919 + static_cast<unsigned>(config.id));
   auto uniform = [&random](double low, double high) {
     return std::uniform_real_distribution<double>(low, high)(random);
   };
   Lock lock;
-  bool victim = config.dieAfter >= 0;
+  const double end = schedule.end;
+  bool victim = config.id == 0;
   for (bool first = true;; first = false) {
     // The others let contender 0 go first.
     if (!(first && victim)) sleepFor(first ? uniform(1.0, 3.0) : uniform(0.0, 2.0));
-    const double left = config.end - 1.0 - now();
+    const double left = end - 1.0 - now();
     if (left <= 0) break;
     const bool write = victim || uniform(0, 1) < 0.5;
     // Contender 0 waits as long as it takes for the hold it dies in.
@@ -487,8 +476,10 @@ void contend() {
       continue;
     }
     say("acq", "%s", lock.kind());
-    const double until =
-        std::min(now() + (victim ? config.dieAfter : uniform(0.5, 10.0)), config.end - 0.5);
+    const double until = std::min(now() + (victim                ? schedule.dieAfter
+                                           : uniform(0, 1) < 0.3 ? uniform(10, 25)
+                                                                 : uniform(0.5, 10)),
+                                  end - 0.5);
     while (now() < until) {
       sleepFor(0.25);
       if (lock.lost()) {
@@ -509,11 +500,21 @@ void contend() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (!parse(argc, argv)) {
-    fprintf(stderr, "usage: contender DIR LOG key=value...\n");
-    return 64;
+int contenderMain(int argc, char** argv) {
+  if (argc != 9) return 64;
+  config.dir = argv[2];
+  logFd = open(argv[3], O_WRONLY | O_CREAT | O_APPEND | O_TRUNC, 0644);
+  config.schedule.reset(new explorer::Schedule(strtoull(argv[4], nullptr, 10), atoi(argv[5]) != 0));
+  config.id = atoi(argv[6]);
+  config.scale = atof(argv[7]);
+  config.epochNs = atoll(argv[8]);
+  config.faults = config.schedule->faults.at(static_cast<size_t>(config.id));
+  for (size_t i = 0; i < config.schedule->anyone.size(); ++i) {
+    config.faults.push_back(config.schedule->anyone[i]);
+    config.faults.back().anyone = static_cast<int>(i);
   }
+  config.root = argv[3];
+  config.root.erase(config.root.rfind('/'));
   // All contenders begin at host time 0, however long each took to start.
   sleepFor(-now());
   say("start");

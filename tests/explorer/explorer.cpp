@@ -2,18 +2,13 @@
 // (contender.cpp) that take one directory's lock while faults chosen by a
 // seed hit them, then checks what they recorded against the lock's promise.
 //
-//   explorer CONTENDER [--schedules N | --minutes M] [--first S] [--jobs J]
+//   explorer [--schedules N | --minutes M] [--first S] [--jobs J]
 //            [--seed S [--repeat R]] [--scale X] [--calm] [--keep]
 //
-// A schedule follows from its seed alone: the lock (exclusive, or
-// read-write with readers and writers), 3 or 4 contenders, 40 s of host
-// time, file times from the server's clock or from each client's, and the
-// faults. Contender 0 is killed early in its first hold, so that every
-// schedule has a dead holder's file to take over. Host time runs `scale`
-// times faster than real time (see schedule.h): a schedule takes 0.2 s at
-// the default scale. --calm keeps only the faults the lock survives by
-// design: server-stamped file times, steps of the clients' wall clocks,
-// pauses shorter than the lease, kills.
+// A schedule follows from its seed alone (schedule.h). Each contender is
+// this program again (--contend), with the host layer of contender.cpp. Host
+// time runs `scale` times faster than real time: a schedule of 40 s takes
+// 0.2 s at the default scale.
 //
 // The oracle, per schedule:
 //   - overlap: two holds that exclude each other overlap, and the earlier
@@ -24,7 +19,8 @@
 //   - left: a lock file is left at the end, written neither by a killed
 //     contender nor by one whose lease on it ran out before it ended;
 //   - hang: a contender had not ended 10 s of host time after the schedule;
-//   - stuck (calm only): no file of a dead holder was taken over.
+//   - stuck (calm only): contender 0 died 20 s before the end, and no file
+//     of a dead holder was taken over.
 // An overlap counts as a known-window hit instead when, during the earlier
 // hold and before the later acquisition, a contender acted on a lock file
 // late after reading back its own number: the window between a read-back
@@ -44,6 +40,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <map>
@@ -66,7 +63,6 @@ constexpr double kNoticeTolerance = 0.5;
 constexpr double kForever = std::numeric_limits<double>::infinity();
 
 struct Options {
-  std::string contender;
   unsigned long long first = 1;
   long schedules = 100;
   double minutes = 0;
@@ -87,100 +83,6 @@ std::string format(const char* text, ...) {
   va_end(args);
   return line;
 }
-
-// ---- Schedules ----
-
-struct Signal {
-  double at;
-  int who;
-  int signal;  // SIGSTOP, with SIGCONT `length` later; or SIGKILL
-  double length;
-};
-
-struct Schedule {
-  unsigned long long seed;
-  bool rw;
-  int processes;
-  double end = 40.0;
-  bool clientStamps;
-  double dieAfter;  // contender 0's first hold ends in SIGKILL
-  std::vector<Step> server;
-  std::vector<std::vector<Step>> clock;
-  std::vector<std::vector<Fault>> faults;
-  std::vector<Signal> signals;
-
-  explicit Schedule(unsigned long long s) : seed(s) {
-    std::mt19937_64 random(s);
-    auto uniform = [&random](double low, double high) {
-      return std::uniform_real_distribution<double>(low, high)(random);
-    };
-    auto chance = [&uniform](double p) { return uniform(0, 1) < p; };
-    auto pick = [&random](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
-    auto sign = [&chance] { return chance(0.5) ? 1 : -1; };
-    const bool calm = options.calm;
-    rw = chance(0.5);
-    processes = 3 + pick(2);
-    clientStamps = !calm && chance(0.2);
-    dieAfter = uniform(0.5, 4.0);
-    if (!calm && chance(0.3)) server.push_back({uniform(2, end - 6), sign() * uniform(1, 40)});
-    clock.resize(processes);
-    faults.resize(processes);
-    static const int kExclusiveTargets[] = {kLevel0, kQueueLevel, kTempFile};
-    static const int kReadWriteTargets[] = {kWriteLock, kReadLock, kLevel0, kTempFile};
-    static const int kErrors[] = {EIO, ENOSPC, ESTALE, EINTR};
-    for (int p = 0; p < processes; ++p) {
-      if (clientStamps && chance(0.5)) clock[p].push_back({0, sign() * uniform(1, 200)});
-      if (chance(0.15)) clock[p].push_back({uniform(2, end - 6), sign() * uniform(1, 200)});
-      for (int n = pick(calm ? 3 : 4); n > 0; --n) {
-        Fault f;
-        const double kind = uniform(0, 1);
-        f.kind = calm ? 'p' : kind < 0.45 ? 's' : kind < 0.75 ? 'f' : 'p';
-        f.call = chance(0.3) ? kStat : pick(kCalls);  // the stale test's own call
-        // Half of them for one kind of file of this lock.
-        if (f.call != kList && chance(0.5)) {
-          f.target = rw ? kReadWriteTargets[pick(4)] : kExclusiveTargets[pick(3)];
-        }
-        f.afterCall = chance(0.5);
-        // Half of them around 16 s, when contender 0's file, written in its
-        // first second, first looks stale: where the takeovers are.
-        f.at = chance(0.5) ? uniform(15.5, 17) : uniform(0, end - 2);
-        f.skip = pick(4);
-        f.seconds = f.kind == 's' ? uniform(16, 21) : uniform(0.2, calm ? 10 : 20);
-        f.error = kErrors[pick(4)];
-        faults[p].push_back(f);
-      }
-    }
-    if (!calm && chance(0.3)) {
-      const double at = uniform(1, 20);
-      signals.push_back(
-          {at, 1 + pick(processes - 1), SIGSTOP, uniform(1, std::min(20.0, end - 1 - at))});
-    }
-    if (chance(0.15)) signals.push_back({uniform(1, end - 2), 1 + pick(processes - 1), SIGKILL, 0});
-  }
-
-  std::string words() const {
-    std::string out = format("seed %llu: %s lock, %d contenders for %.0f s, file times from %s\n",
-                             seed, rw ? "read-write" : "exclusive", processes, end,
-                             clientStamps ? "each client's wall clock" : "the server's clock");
-    out += format("  p0 takes the lock%s first and is killed %.1f s into that hold\n",
-                  rw ? " for writing" : "", dieAfter);
-    for (const Step& s : server) {
-      out += format("  the server's clock steps %+.1f s at %.1f s\n", s.delta, s.at);
-    }
-    for (int p = 0; p < processes; ++p) {
-      for (const Step& s : clock[p]) {
-        out += format("  p%d's wall clock steps %+.1f s at %.1f s\n", p, s.delta, s.at);
-      }
-      for (const Fault& f : faults[p]) out += format("  p%d: %s\n", p, f.words().c_str());
-    }
-    for (const Signal& s : signals) {
-      out += s.signal == SIGSTOP ? format("  p%d is stopped (SIGSTOP) at %.1f s for %.1f s\n",
-                                          s.who, s.at, s.length)
-                                 : format("  p%d is killed (SIGKILL) at %.1f s\n", s.who, s.at);
-    }
-    return out;
-  }
-};
 
 // ---- Running one schedule ----
 
@@ -242,24 +144,17 @@ class Run {
   }
 
   void start() {
-    epoch_ = monotonicNs() + 25000000;  // the contenders wait for it: 25 ms to start
+    epoch_ = monotonicNs() + 40000000;  // the contenders wait for it: 40 ms to start
     for (int p = 0; p < s_.processes; ++p) {
-      std::vector<std::string> args = {options.contender,
+      std::vector<std::string> args = {"/proc/self/exe",
+                                       "--contend",
                                        dir_,
                                        format("%s/p%d.log", root_.c_str(), p),
-                                       format("id=%d", p),
-                                       format("rw=%d", s_.rw ? 1 : 0),
-                                       format("scale=%g", options.scale),
-                                       format("epoch=%lld", epoch_),
-                                       format("end=%g", s_.end),
-                                       format("seed=%llu", s_.seed),
-                                       format("client=%d", s_.clientStamps ? 1 : 0),
-                                       format("die=%g", p == 0 ? s_.dieAfter : -1.0)};
-      for (const Step& step : s_.server)
-        args.push_back(format("server=%g:%g", step.at, step.delta));
-      for (const Step& step : s_.clock[p])
-        args.push_back(format("clock=%g:%g", step.at, step.delta));
-      for (const Fault& f : s_.faults[p]) args.push_back("fault=" + f.encode());
+                                       format("%llu", s_.seed),
+                                       options.calm ? "1" : "0",
+                                       format("%d", p),
+                                       format("%g", options.scale),
+                                       format("%lld", epoch_)};
       std::vector<char*> argv;
       for (std::string& a : args) argv.push_back(&a[0]);
       argv.push_back(nullptr);
@@ -416,8 +311,12 @@ class Run {
         break;
       }
     }
-    // Without faults in the way, the dead holder's file must be taken over.
-    if (options.calm && out_.takeovers == 0 &&
+    // Without faults in the way, a file left by contender 0 dying 20 s
+    // before the end must have been taken over.
+    const bool diedEarly =
+        std::any_of(events_[0].begin(), events_[0].end(),
+                    [this](const Event& e) { return e.what == "die" && e.t < s_.end - 20; });
+    if (options.calm && diedEarly && out_.takeovers == 0 &&
         std::count(killed_.begin(), killed_.end(), false) > 0) {
       out_.violations.push_back("stuck: no file of a dead holder was taken over");
     }
@@ -467,7 +366,7 @@ struct Totals {
 // Runs one schedule in a fresh folder under root, adds it to the totals,
 // and prints it when it failed (unless quiet). Its logs stay when it failed.
 Outcome runOne(unsigned long long seed, const std::string& root, Totals& totals, bool quiet) {
-  const Schedule schedule(seed);
+  const Schedule schedule(seed, options.calm);
   const std::string folder = format("%s/s%llu-%lld", root.c_str(), seed, monotonicNs());
   const Outcome out = Run(schedule, folder).go();
   std::lock_guard<std::mutex> lock(totals.mutex);
@@ -490,9 +389,7 @@ Outcome runOne(unsigned long long seed, const std::string& root, Totals& totals,
 }
 
 bool parse(int argc, char** argv) {
-  if (argc < 2) return false;
-  options.contender = argv[1];
-  for (int i = 2; i < argc; ++i) {
+  for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--calm" || arg == "--keep") {
       (arg == "--calm" ? options.calm : options.keep) = true;
@@ -523,7 +420,7 @@ bool parse(int argc, char** argv) {
 // Replays one seed `repeat` times: its schedule, then each run's verdict.
 int replay(const std::string& root) {
   Totals totals;
-  printf("%s", Schedule(options.first).words().c_str());
+  printf("%s", Schedule(options.first, options.calm).words().c_str());
   for (int r = 1; r <= options.repeat; ++r) {
     const Outcome out = runOne(options.first, root, totals, true);
     printf("run %d: %s\n", r, out.violations.empty() ? "no violation" : "");
@@ -569,9 +466,10 @@ int explore(const std::string& root) {
 
 int main(int argc, char** argv) {
   using explorer::options;
+  if (argc > 1 && strcmp(argv[1], "--contend") == 0) return contenderMain(argc, argv);
   if (!explorer::parse(argc, argv)) {
     fprintf(stderr,
-            "usage: explorer CONTENDER [--schedules N | --minutes M] [--first S] [--jobs J]\n"
+            "usage: explorer [--schedules N | --minutes M] [--first S] [--jobs J]\n"
             "                [--seed S [--repeat R]] [--scale X] [--calm] [--keep]\n");
     return 64;
   }
