@@ -126,6 +126,9 @@ void stamp(int fd) {
 
 std::mutex faultMutex;
 
+// Whether this thread's write goes to a lock file that held its own number.
+thread_local bool rewritingHeld = false;
+
 // The lock file this thread's last stat showed more than 15 s older than
 // the server's clock; cleared when it sleeps.
 thread_local std::string judgedStale;
@@ -136,6 +139,7 @@ const Fault* fire(Call call, const char* path) {
   const double t = now();
   for (Fault& f : config.faults) {
     const bool target = f.target == explorer::kJudgedStale ? judgedStale == path
+                        : f.target == explorer::kHeldFile  ? rewritingHeld
                                                            : explorer::targets(f.target, path);
     if (f.call != call || f.at < 0 || t < f.at || !target) continue;
     if (f.skip-- > 0) continue;
@@ -322,6 +326,11 @@ template <class Body>
 ssize_t writeThrough(int fd, const void* buffer, size_t size, Body body) {
   const std::string path = pathOf(fd);
   if (isLockFile(path.c_str())) actOn(path.c_str());
+  {
+    std::lock_guard<std::mutex> lock(observedMutex);
+    auto found = opened.find(fd);
+    rewritingHeld = found != opened.end() && ownNumbers.count(found->second.previous) != 0;
+  }
   const ssize_t n = faulted(explorer::kWrite, path.c_str(), static_cast<ssize_t>(-1), [&] {
     const ssize_t written = body();
     if (written == static_cast<ssize_t>(size)) stamp(fd);
@@ -448,8 +457,8 @@ class Lock {
 
 // Takes the lock again and again until the schedule ends: a gap, an
 // acquisition with a time-out (0, a single attempt, one time in five), a
-// hold (10 to 25 s one time in three, so that leases can run out in it)
-// that looks at lost() every quarter second, a release.
+// hold (calm: 10 to 25 s one time in three, so that a lease can run out
+// in it) that looks at lost() every quarter second, a release.
 void contend() {
   const explorer::Schedule& schedule = *config.schedule;
   std::mt19937_64 random(schedule.seed * 7919 + static_cast<unsigned>(config.id));
@@ -476,10 +485,11 @@ void contend() {
       continue;
     }
     say("acq", "%s", lock.kind());
-    const double until = std::min(now() + (victim                ? schedule.dieAfter
-                                           : uniform(0, 1) < 0.3 ? uniform(10, 25)
+    const double until =
+        std::min(now() + (victim                                 ? schedule.dieAfter
+                          : schedule.calm && uniform(0, 1) < 0.3 ? uniform(10, 25)
                                                                  : uniform(0.5, 10)),
-                                  end - 0.5);
+                 end - 0.5);
     while (now() < until) {
       sleepFor(0.25);
       if (lock.lost()) {

@@ -20,7 +20,8 @@ const char* const kTargetNames[kTargets] = {"",
                                             " of level 0",
                                             " of a queue level",
                                             " of a temp file",
-                                            " of a file it judged stale"};
+                                            " of a file it judged stale",
+                                            " of a file it holds"};
 
 std::string line(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string line(const char* format, ...) {
@@ -68,7 +69,8 @@ bool targets(int target, const char* path) {
     case kTempFile:
       return name[0] == '.' && name[1] >= '0' && name[1] <= '9';
     case kJudgedStale:
-      return false;  // decided by the contender, which saw the times
+    case kHeldFile:
+      return false;  // decided by the contender, which knows
     default:
       return true;
   }
@@ -80,7 +82,7 @@ double offsetAt(const std::vector<Step>& steps, double t) {
   return sum;
 }
 
-Schedule::Schedule(unsigned long long s, bool calm) : seed(s) {
+Schedule::Schedule(unsigned long long s, bool c) : seed(s), calm(c) {
   std::mt19937_64 random(s);
   auto uniform = [&random](double low, double high) {
     return std::uniform_real_distribution<double>(low, high)(random);
@@ -117,10 +119,15 @@ Schedule::Schedule(unsigned long long s, bool calm) : seed(s) {
       // first second, first looks stale: where the takeovers are.
       f.at = chance(0.5) ? uniform(15.5, 17) : uniform(0, end - 2);
       f.skip = pick(4);
-      f.seconds = f.kind == 's' ? uniform(16, 21) : uniform(0.2, calm ? 10 : 20);
+      f.seconds = f.kind == 's' ? uniform(calm ? 5 : 16, 21) : uniform(0.2, calm ? 10 : 20);
       f.error = kErrors[pick(4)];
       f.anyone = -1;
       faults[p].push_back(f);
+    }
+    // Calm: a refresh answered late, so that a lease runs out in a hold.
+    if (calm && chance(0.5)) {
+      faults[p].push_back(
+          {'s', kWrite, kHeldFile, true, uniform(6, 30), pick(2), uniform(9.5, 21), 0, -1});
     }
   }
   // The act on a judgement of staleness (the removal of a read-write lock

@@ -25,6 +25,7 @@ enum Target {
   kQueueLevel,
   kTempFile,
   kJudgedStale,
+  kHeldFile,  // a lock file it rewrites (a refresh, a queue place kept)
   kTargets
 };
 
@@ -73,6 +74,7 @@ struct Schedule {
   std::string words() const;
 
   unsigned long long seed;
+  bool calm;
   bool rw;
   int processes;
   double end = 40.0;
