@@ -52,16 +52,16 @@ lease_timer_never_fires | fs_lock/fs_lock.cpp | if (now < leaseEnd_) return leas
 lease_of_16_seconds | fs_lock/protocol.h | constexpr double kLeaseSeconds = 14.0; | constexpr double kLeaseSeconds = 16.0; | FsLockTest\.ALease|^lock_explorer_calm$
 takeover_without_own_check | fs_lock/exclusive_lock.cpp | if (!keepPlace()) return Step::kLost; | | FsLockTest\.AWaiterStopped|^lock_explorer_calm$
 # ---- Lease and clock arithmetic, for the fault explorer's calm profile ----
+# Survives: a refresh answered late either returns within the 9 s the last
+# lease has left (the next refresh renews it anyway) or after the loss; only
+# a late refresh followed by a stop of the holder tells them apart.
 lease_from_end_of_refresh | fs_lock/fs_lock.cpp | holding.wrote(value, start); | holding.wrote(value, hostMonotonic()); | ^lock_explorer_calm$|^fs_lock_test\.
 first_lease_is_stale_time | fs_lock/fs_lock.cpp | lost_ = false;\n    leaseEnd_ = start + korvel_protocol::kLeaseSeconds; | lost_ = false;\n    leaseEnd_ = start + korvel_protocol::kStaleSeconds; | ^lock_explorer_calm$|^fs_lock_test\.
+# Survives: a new lease never ends before the one the timer waits for; only
+# a suspend of the host (the wait's clock stops, the lease's does not) would
+# make the timer oversleep.
 lease_timer_oversleeps | fs_lock/fs_lock.cpp | std::min(1.0, std::max(0.0, next - hostMonotonic())) | std::max(0.0, next - hostMonotonic()) | ^lock_explorer_calm$|^fs_lock_test\.
-lease_on_the_wall_clock | fs_lock/fs_lock.cpp | const double start = hostMonotonic();\n  const int value = numbers.next();\n  switch (rewriteIfOurs | const double start = hostRealtime();\n  const int value = numbers.next();\n  switch (rewriteIfOurs | ^lock_explorer_calm$|^fs_lock_test\.
-lock_file_kept_under_lost_dir_lock | fs_lock/read_write_lock.cpp | if (!guard.stillHeld()) { | if (false) { | RwLockTest\.NoLockFileIsKept
-unlistable_directory_lets_writers_in | fs_lock/read_write_lock.cpp | return Entry::kRefused;\n  }\n  return readers.empty() | return Entry::kFree;\n  }\n  return readers.empty() | RwLockTest\.Missing
-unknown_write_lock_lets_readers_in | fs_lock/read_write_lock.cpp | return errno == ENOENT ? 0 : -1; | return 0; | RwLockTest\.Missing
-refusal_retried_forever | fs_lock/fs_lock.cpp | if (!isRefusal(error)) { | if (true) { | FsLockTest\.NothingHangs
-deadline_does_not_saturate | fs_lock/fs_lock.cpp | if (!(seconds < 100.0 * 365 * 86400)) return forever(); | | FsLockTest\.TimeOuts
-forked_child_removes_parents_file | fs_lock/exclusive_lock.cpp | if (holding_->heldElsewhere()) {\n      // A forked child | if (false) {\n      // A forked child | FsLockTest\.AForked
+lease_timer_on_the_wall_clock | fs_lock/fs_lock.cpp | const double now = hostMonotonic();\n      double next | const double now = hostRealtime();\n      double next | ^lock_explorer_calm$|^fs_lock_test\.
 
 # ---- korvel-lock ----
 tool_timeout_status | tools/korvel_lock.cpp | constexpr int kDefaultConflict = 75; | constexpr int kDefaultConflict = 1; | @tool

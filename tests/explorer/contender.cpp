@@ -126,7 +126,8 @@ void stamp(int fd) {
 
 std::mutex faultMutex;
 
-// Whether this thread's write goes to a lock file that held its own number.
+// Whether this thread's write goes to a lock file that held its own number,
+// other than a queue place: a refresh.
 thread_local bool rewritingHeld = false;
 
 // The lock file this thread's last stat showed more than 15 s older than
@@ -329,7 +330,8 @@ ssize_t writeThrough(int fd, const void* buffer, size_t size, Body body) {
   {
     std::lock_guard<std::mutex> lock(observedMutex);
     auto found = opened.find(fd);
-    rewritingHeld = found != opened.end() && ownNumbers.count(found->second.previous) != 0;
+    rewritingHeld = found != opened.end() && ownNumbers.count(found->second.previous) != 0 &&
+                    !explorer::targets(explorer::kQueueLevel, path.c_str());
   }
   const ssize_t n = faulted(explorer::kWrite, path.c_str(), static_cast<ssize_t>(-1), [&] {
     const ssize_t written = body();

@@ -15,11 +15,13 @@
 //     holder's lease (14 s from the start of its last write that reached
 //     its file) had not ended when the later one acquired;
 //   - late notice: a holder read lost() as false more than 0.5 s after its
-//     lease ended;
+//     lease, as it knew it (from the writes that had returned), ended;
 //   - left: a lock file is left at the end, written neither by a killed
 //     contender nor by one whose lease on it ran out before it ended or
 //     that was told of a loss after it wrote it;
-//   - hang: a contender had not ended 10 s of host time after the schedule.
+//   - hang: a contender had not ended 10 s of host time after the schedule;
+//   - false loss (calm only): a holder was told of a loss more than 0.5 s
+//     before its lease, as it knew it, ran out, and nobody took its file.
 // An overlap counts as a known-window hit instead when, during the earlier
 // hold and before the later acquisition, a contender acted on a lock file
 // late after reading back its own number: the window between a read-back
@@ -112,6 +114,7 @@ struct Hold {
   double end;
   std::string file;
   std::vector<double> checks;
+  double told = kForever;  // of a loss
 };
 
 struct Outcome {
@@ -231,12 +234,30 @@ class Run {
 
   // The end of h's lease as it stood at t: 14 s after the start of the last
   // write of h's file by h's contender that began by t.
-  double leaseEnd(const Hold& h, double t) const {
+  // With known, only writes whose call had returned by t count: the lease
+  // as the holder knew it.
+  double leaseEnd(const Hold& h, double t, bool known = false) const {
     double last = -kForever;
     for (const Event& e : events_[h.p]) {
-      if (e.what == "w" && e.path == h.file && e.opened <= t) last = std::max(last, e.opened);
+      if (e.what == "w" && e.path == h.file && e.opened <= t && (!known || e.t <= t)) {
+        last = std::max(last, e.opened);
+      }
     }
     return (last > -kForever ? last : h.acq) + kLease;
+  }
+
+  // Whether another contender removed or wrote over h's file before h was
+  // told of its loss.
+  bool takenFrom(const Hold& h) const {
+    for (int p = 0; p < s_.processes; ++p) {
+      for (const Event& e : events_[p]) {
+        if (p != h.p && (e.what == "rm" || e.what == "take") && e.path == h.file && e.t >= h.acq &&
+            e.t <= h.told) {
+          return true;
+        }
+      }
+    }
+    return false;
   }
 
   // Whether p gave up the file holding number by design, leaving it to go
@@ -271,10 +292,12 @@ class Run {
                            kind == 'X'   ? dir_ + "/.deploy_lock.0"
                            : kind == 'W' ? dir_ + "/.deploy_write_lock"
                                          : readLock,
-                           {}});
+                           {},
+                           kForever});
           holding = true;
         } else if (holding && (e.what == "lost" || e.what == "told" || e.what == "rls")) {
           holds.back().end = std::min(holds.back().end, e.t);
+          if (e.what != "rls") holds.back().told = std::min(holds.back().told, e.t);
           holding = e.what != "rls";
         } else if (holding && e.what == "chk") {
           holds.back().checks.push_back(e.t);
@@ -307,12 +330,21 @@ class Run {
                    a.p, a.kind, a.acq, lease, b.p, b.kind, b.acq));
       }
       for (double t : a.checks) {
-        if (t <= leaseEnd(a, t) + kNoticeTolerance) continue;
+        if (t <= leaseEnd(a, t, true) + kNoticeTolerance) continue;
         out_.violations.push_back(format(
             "late notice: p%d (%c) read lost() as false at %.2f s, its lease ended at %.2f s", a.p,
-            a.kind, t, leaseEnd(a, t)));
+            a.kind, t, leaseEnd(a, t, true)));
         break;
       }
+    }
+    // Calm: a loss told while the lease ran, of a file nobody took.
+    for (const Hold& h : holds) {
+      const double lease = leaseEnd(h, h.told, true);
+      if (!options.calm || h.told >= lease - kNoticeTolerance || takenFrom(h)) continue;
+      out_.violations.push_back(
+          format("false loss: p%d (%c) was told at %.2f s, its lease ran to %.2f s, its file was "
+                 "not taken",
+                 h.p, h.kind, h.told, lease));
     }
     const bool anyKilled = std::find(killed_.begin(), killed_.end(), true) != killed_.end();
     if (DIR* d = opendir(dir_.c_str())) {

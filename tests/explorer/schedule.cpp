@@ -21,7 +21,7 @@ const char* const kTargetNames[kTargets] = {"",
                                             " of a queue level",
                                             " of a temp file",
                                             " of a file it judged stale",
-                                            " of a file it holds"};
+                                            " of a lock it holds"};
 
 std::string line(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string line(const char* format, ...) {

@@ -25,7 +25,7 @@ enum Target {
   kQueueLevel,
   kTempFile,
   kJudgedStale,
-  kHeldFile,  // a lock file it rewrites (a refresh, a queue place kept)
+  kHeldFile,  // a lock it holds, rewritten (a refresh)
   kTargets
 };
 
