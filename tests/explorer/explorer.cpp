@@ -449,7 +449,7 @@ int replay(const std::string& root) {
   printf("%s", Schedule(options.first, options.calm).words().c_str());
   for (int r = 1; r <= options.repeat; ++r) {
     const Outcome out = runOne(options.first, root, totals, true);
-    printf("run %d: %s\n", r, out.violations.empty() ? "no violation" : "");
+    printf("run %d: %s\n", r, out.violations.empty() ? "no violation" : "violated");
     for (const std::string& v : out.violations) printf("  => %s\n", v.c_str());
   }
   printf("violations in %zu of %ld runs\n", totals.failed.size(), totals.schedules);
