@@ -66,6 +66,9 @@ int logFd = -1;
 
 // ---- Clocks ----
 
+// The wall clock and the server's clock at host time 0: years before the
+// real clock, so that the kernel's own stamp on a file, in the microseconds
+// before this host sets it, makes the file look new, never stale.
 constexpr double kEpochWallClock = 1.7e9;
 
 long long monotonicNs() {
