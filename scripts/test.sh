@@ -4,8 +4,8 @@
 # sources, with its compile commands), AddressSanitizer+UndefinedBehavior-
 # Sanitizer and ThreadSanitizer. Each build has its own folder under build/.
 # After the normal build, the current lock code is run against the lock code
-# of an earlier release, and the fault explorer runs 1,000 schedules; last, the multi-host stage, where root, network
-# namespaces and FUSE allow it.
+# of an earlier release, and the fault explorer runs 1,000 schedules; last,
+# the multi-host stage, where root, network namespaces and FUSE allow it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh

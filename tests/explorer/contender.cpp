@@ -366,18 +366,32 @@ extern "C" int hostFtruncate(int fd, off_t length) {
   });
 }
 
-extern "C" int hostStat(const char* path, struct stat* st) {
-  readBackAt = -1;
-  const int rc = faulted(explorer::kStat, path, -1, [&] { return hostDefaultStat(path, st); });
-  if (rc == 0 && isLockFile(path) && serverTime(now()) - static_cast<double>(st->st_mtime) > 15) {
+namespace {
+
+// A stat (by name or by descriptor) of path: a lock file it shows more than
+// 15 s older than the server's clock is a judgement of staleness.
+int statted(const std::string& path, int rc, const struct stat* st) {
+  if (rc == 0 && isLockFile(path.c_str()) &&
+      serverTime(now()) - static_cast<double>(st->st_mtime) > 15) {
     judgedStale = path;
   }
   return rc;
 }
 
+}  // namespace
+
+extern "C" int hostStat(const char* path, struct stat* st) {
+  readBackAt = -1;
+  return statted(path,
+                 faulted(explorer::kStat, path, -1, [&] { return hostDefaultStat(path, st); }), st);
+}
+
 extern "C" int hostFstat(int fd, struct stat* st) {
   readBackAt = -1;
-  return faulted(explorer::kStat, pathOf(fd).c_str(), -1, [&] { return hostDefaultFstat(fd, st); });
+  const std::string path = pathOf(fd);
+  return statted(
+      path, faulted(explorer::kStat, path.c_str(), -1, [&] { return hostDefaultFstat(fd, st); }),
+      st);
 }
 
 extern "C" int hostRemoveFile(const char* path) {
