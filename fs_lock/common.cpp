@@ -12,8 +12,6 @@
 #include <iostream>
 #include <limits>
 
-#include "korvel/paths.h"
-
 namespace {
 
 bool environmentHas(const char* name) {
@@ -51,7 +49,10 @@ void throwNoSuchDirectory(const std::string& directory) {
 
 bool directoryGone(const std::string& directory) {
   const int error = errno;
-  const bool gone = !koIsDirectory(directory.c_str());
+  struct stat st;
+  // A directory that cannot be looked at for now (EIO, ESTALE) has not gone.
+  const bool gone = hostStat(directory.c_str(), &st) == 0 ? !S_ISDIR(st.st_mode)
+                                                          : errno == ENOENT || errno == ENOTDIR;
   errno = error;
   return gone;
 }

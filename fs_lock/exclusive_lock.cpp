@@ -66,7 +66,8 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
       : lock_(lock),
         deadline_(deadline),
         singleAttempt_(singleAttempt),
-        holderPatience_(holderPatience) {
+        holderPatience_(holderPatience),
+        judge_(lock.judge_) {
     judge_.deadline = deadline;
   }
 
@@ -82,7 +83,7 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
       if (walkDown()) {
         // Stopped since level 0 became ours: it may be somebody else's now.
         if (hostMonotonic() - since_ < kLeaseSeconds) return true;
-        placeLost("not refreshed for 14 s");
+        placeLost("not refreshed for 14 s", true);
       }
       if (!placeLost_) return false;  // given up
       placeLost_ = false;
@@ -207,14 +208,15 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   // right before the act (the judgement checks that).
   Step takeOver(const Judgement& stale) {
     const int target = level_ - 1;
-    const Entitled entitled = [this] { return keepPlace() == Place::kKept; };
-    const double start = hostMonotonic();
+    const Entitled entitled([this] { return keepPlace() == Place::kKept; },
+                            [this] { return hostMonotonic() - since_ < kLeaseSeconds; });
+    double start = 0.0;
     FileState written;
-    Act act = stale.writeOver(lock_.numbers_.next(), entitled, &written);
+    Act act = stale.writeOver(lock_.numbers_.next(), entitled, &written, &start);
     if (act == Act::kError) {
       // Not ours to write (another user's file): removed and made afresh.
       act = judge_.removeStaleFile(stale, entitled);
-      if (act == Act::kDone) return createAfresh(target, start);
+      if (act == Act::kDone) return createAfresh(target, hostMonotonic());
     }
     switch (act) {
       case Act::kDone:
@@ -265,7 +267,7 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   // resisted until the deadline.
   bool leave(const std::string& file, const Deadline& deadline) {
     const Judgement ours(file, written_);
-    const Entitled always = [] { return true; };
+    const Entitled always([] { return true; });
     Act act;
     while ((act = ours.remove(always)) == Act::kError && !isRefusal(errno) && !deadline.passed()) {
       sleepWithin(1, deadline);
@@ -278,20 +280,20 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   // not be rewritten (again at the next poll; the lease keeps running).
   Place keepPlace() {
     if (hostMonotonic() - since_ >= kLeaseSeconds) {
-      placeLost("not refreshed for 14 s");
+      placeLost("not refreshed for 14 s", true);
       return Place::kLost;
     }
-    const double start = hostMonotonic();
+    double start = 0.0;
     FileState written;
-    const Entitled always = [] { return true; };
+    const Entitled always([] { return true; });
     switch (Judgement(lock_.levelFile(level_), written_)
-                .writeOver(lock_.numbers_.next(), always, &written)) {
+                .writeOver(lock_.numbers_.next(), always, &written, &start)) {
       case Act::kDone:
         written_ = written;
         since_ = start;
         return Place::kKept;
       case Act::kChanged:
-        placeLost("the file was taken over");
+        placeLost("the file was taken over", false);
         return Place::kLost;
       case Act::kNotEntitled:
       case Act::kError:
@@ -308,9 +310,12 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
     watch_->sleep(backOff_, deadline_, [&below](const std::string& name) { return name == below; });
   }
 
-  void placeLost(const char* why) {
+  // The own place is given up. One whose lease ran out is removed if it is
+  // still as written: nobody took it over, and it must not wait to go stale.
+  void placeLost(const char* why, bool stillOurs) {
     warningLog << "FS_LOCK: lost the queue place " << lock_.levelFile(level_) << ": " << why
                << std::endl;
+    if (stillOurs) leave(lock_.levelFile(level_), Deadline::afterSeconds(0.02));
     level_ = -1;
     placeLost_ = true;
   }
@@ -367,7 +372,7 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   const Deadline& deadline_;
   const bool singleAttempt_;
   const double holderPatience_;
-  koStaleLockRemover judge_;               // its sightings last the whole walk
+  koStaleLockRemover& judge_;              // the lock's: its sightings last from walk to walk
   std::unique_ptr<DirectoryWatch> watch_;  // made at the first wait
   int level_ = -1;
   FileState written_;  // the own place as last written
@@ -460,7 +465,10 @@ bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool 
     return true;
   }
   QueueWalk walk(*this, deadline, singleAttempt, holderPatience);
-  if (!walk.run()) return false;
+  if (!walk.run()) {
+    judge_.remember();
+    return false;
+  }
   acquireCount_ = 1;
   holding_->hold(levelFile(0), walk.written(), walk.since());
   if (!noRefreshLoop) {
@@ -468,11 +476,15 @@ bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool 
     refreshRunning_ = true;
   }
   sweepUpperLevels();
-  return true;
+  // The lease may have run out in the steps since level 0 became ours (a
+  // hung call, a stop): an acquisition that ends lost has not succeeded.
+  if (holding_->mayWrite()) return true;
+  releaseHeld(Deadline::afterSeconds(0), lock);
+  errno = ETIMEDOUT;
+  return false;
 }
 
 void koDirectoryExclusiveLock::Impl::sweepUpperLevels() {
-  koStaleLockRemover judge;
   const double now = hostRealtime();
   int gaps = 0;  // killed waiters leave runs of places, with few gaps
   for (int level = 1; level <= kSweptLevels && gaps < kSweptGaps; ++level) {
@@ -486,10 +498,12 @@ void koDirectoryExclusiveLock::Impl::sweepUpperLevels() {
         now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kObservationSeconds) {
       continue;
     }
-    if (judge.judge(file, &seen) == koStaleLockRemover::Verdict::kStale) {
-      judge.removeStaleFile(Judgement(file, seen), [this] { return holding_->mayWrite(); });
+    if (judge_.judge(file, &seen) == koStaleLockRemover::Verdict::kStale) {
+      judge_.removeStaleFile(Judgement(file, seen),
+                             Entitled([this] { return holding_->mayWrite(); }));
     }
   }
+  judge_.remember();
 }
 
 bool koDirectoryExclusiveLock::Impl::releaseHeld(const Deadline& deadline, ScopedLock& lock) {

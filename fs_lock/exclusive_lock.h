@@ -65,6 +65,7 @@ class koDirectoryExclusiveLock::Impl {
   int acquireCount_ = 0;                  // guarded by processMutex_
   LockNumbers numbers_;                   // thread-safe
   std::shared_ptr<LockHolding> holding_;  // level 0 while held
+  koStaleLockRemover judge_;              // guarded by processMutex_
   std::unique_ptr<RefreshLoop> refreshFunctor_;
   boost::shared_ptr<koThreadFactory> pool_;  // keeps the refresh loop's factory alive
   std::unique_ptr<LoopThread> refreshLoop_;

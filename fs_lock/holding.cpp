@@ -105,6 +105,9 @@ void LockHolding::lose(const char* why) {
 }
 
 bool LockHolding::lost() const {
+  // A lease that ran out is a loss the moment it is asked about, whether or
+  // not the lease timer has looked yet (a process just resumed).
+  const_cast<LockHolding*>(this)->checkLease(hostMonotonic());
   std::lock_guard<std::mutex> lock(mutex_);
   return lost_;
 }
@@ -293,11 +296,12 @@ void watchLease(const std::shared_ptr<LockHolding>& holding) {
 bool refreshHolding(LockHolding& holding, LockNumbers& numbers) {
   std::lock_guard<std::mutex> io(holding.io());
   if (!holding.held()) return true;
-  const double start = hostMonotonic();
+  double start = 0.0;
   FileState written;
-  const Act act = Judgement(holding.file(), holding.written())
-                      .writeOver(
-                          numbers.next(), [&holding] { return holding.mayWrite(); }, &written);
+  const Act act =
+      Judgement(holding.file(), holding.written())
+          .writeOver(numbers.next(), Entitled([&holding] { return holding.mayWrite(); }), &written,
+                     &start);
   switch (act) {
     case Act::kDone:
       holding.wrote(written, start);
@@ -317,7 +321,7 @@ Released releaseHolding(LockHolding& holding, const std::string& directory,
                         const Deadline& deadline) {
   std::lock_guard<std::mutex> io(holding.io());
   const Judgement ours(holding.file(), holding.written());
-  const Entitled entitled = [&holding] { return holding.mayWrite(); };
+  const Entitled entitled([&holding] { return holding.mayWrite(); });
   unsigned backOff = 1;
   Act act;
   // Retrying a refusal only delays the warning.

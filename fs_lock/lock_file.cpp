@@ -36,15 +36,17 @@ void takeAttributes(const struct stat& st, FileState* state) {
   state->mode = st.st_mode;
 }
 
-// Reads the number at the start of an open file into state.
-void readNumber(int fd, FileState* state) {
+// Reads the number at the start of an open file into state. False when
+// the read failed: what the file holds is not known.
+bool readNumber(int fd, FileState* state) {
   char text[64];
   const ssize_t n = hostPread(fd, text, sizeof text - 1, 0);
   state->hasNumber = false;
-  if (n <= 0) return;
+  if (n < 0) return false;
   text[n] = '\0';
   // NOLINTNEXTLINE(cert-err34-c): a number that does not parse is no number
-  state->hasNumber = sscanf(text, "%d", &state->number) == 1;
+  state->hasNumber = n > 0 && sscanf(text, "%d", &state->number) == 1;
+  return true;
 }
 
 Look lookOf(const struct stat& st) {
@@ -95,7 +97,7 @@ OpenLockFile::OpenLockFile(const std::string& path, int flags, bool nameFirst) {
   }
   takeAttributes(st, &state_);
   look_ = lookOf(st);
-  if (look_ == Look::kFile) readNumber(fd_, &state_);
+  if (look_ == Look::kFile && !readNumber(fd_, &state_)) look_ = Look::kError;
 }
 
 OpenLockFile::~OpenLockFile() {
@@ -150,31 +152,65 @@ Act check(const OpenLockFile& file, const FileState& judged) {
 }  // namespace
 
 Act Judgement::remove(const Entitled& entitled) const {
-  if (!entitled()) return Act::kNotEntitled;
+  if (!entitled.confirm()) return Act::kNotEntitled;
   OpenLockFile file(path_, O_RDONLY);
   const Act checked = check(file, state_);
   if (checked != Act::kDone) return checked;
   file.close();
+  if (!entitled.holds()) return Act::kNotEntitled;
   if (hostUnlink(path_.c_str()) == 0) return Act::kDone;
   return errno == ENOENT ? Act::kChanged : Act::kError;
 }
 
-Act Judgement::writeOver(int value, const Entitled& entitled, FileState* written) const {
-  if (!entitled()) return Act::kNotEntitled;
+Act Judgement::writeOver(int value, const Entitled& entitled, FileState* written,
+                         double* started) const {
+  if (!entitled.confirm()) return Act::kNotEntitled;
   OpenLockFile file(path_, O_RDWR);
   const Act checked = check(file, state_);
   if (checked != Act::kDone) return checked;
-  if (!file.write(value)) return Act::kError;
-  *written = file.state();
-  if (!file.close()) return Act::kError;
+  if (!entitled.holds()) return Act::kNotEntitled;
+  if (started != nullptr) *started = hostMonotonic();
+  const bool wrote = file.write(value);
+  if (file.close() && wrote) {
+    *written = file.state();
+  } else if (!madeIt(value, written)) {
+    return errno == 0 ? Act::kChanged : Act::kError;
+  }
   // Replaced between the check and the write: the write went to a file
-  // nobody sees any more.
+  // nobody sees any more. (A look that fails tells nothing: the next check
+  // finds a replacement.)
   FileState now;
-  if (lookAtName(path_, &now) != Look::kFile || now.device != written->device ||
-      now.inode != written->inode) {
-    return Act::kChanged;
+  switch (lookAtName(path_, &now)) {
+    case Look::kFile:
+      return now.device == written->device && now.inode == written->inode ? Act::kDone
+                                                                          : Act::kChanged;
+    case Look::kMissing:
+    case Look::kForeign:
+      return Act::kChanged;
+    case Look::kError:
+      break;
   }
   return Act::kDone;
+}
+
+bool Judgement::madeIt(int value, FileState* written) const {
+  // A write whose end was not seen (a failed close, which is where a
+  // network file system may report a failed write; a state that could not
+  // be read back): what the file holds now tells whether it was made.
+  const int error = errno;
+  const OpenLockFile again(path_, O_RDONLY);
+  const FileState& now = again.state();
+  if (again.look() == Look::kFile && now.device == state_.device && now.inode == state_.inode &&
+      now.hasNumber && now.number == value) {
+    *written = now;
+    return true;
+  }
+  // Still as judged, or not to be seen: the write failed. Anything else:
+  // somebody else wrote (errno 0).
+  const bool failed =
+      again.look() == Look::kError || (again.look() == Look::kFile && now.sameAs(state_));
+  errno = failed ? (error != 0 ? error : EIO) : 0;
+  return false;
 }
 
 }  // namespace korvel_detail

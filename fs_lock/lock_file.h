@@ -87,8 +87,17 @@ enum class Create {
   kTransient,  // failed for now (no space, I/O); errno says why
 };
 
-// Whether the actor still holds what entitles it to act.
-typedef std::function<bool()> Entitled;
+// What entitles an actor to act on a lock file, asked twice: in full before
+// the look at the file (confirm: it may read the actor's own file back), and
+// once more right before the act (holds: its lease alone, no file-system
+// call), so that no slow look stands between the last check and the act.
+struct Entitled {
+  explicit Entitled(std::function<bool()> both) : confirm(both), holds(std::move(both)) {}
+  Entitled(std::function<bool()> full, std::function<bool()> quick)
+      : confirm(std::move(full)), holds(std::move(quick)) {}
+  std::function<bool()> confirm;
+  std::function<bool()> holds;
+};
 
 enum class Act {
   kDone,
@@ -112,11 +121,19 @@ class Judgement {
 
   // Unlinks the file.
   Act remove(const Entitled& entitled) const;
-  // Writes value over the file in place; *written is its state after. A
-  // name that no longer leads to the written file afterwards is kChanged.
-  Act writeOver(int value, const Entitled& entitled, FileState* written) const;
+  // Writes value over the file in place; *written is its state after, and
+  // *started (when given) when the write began: where a lease written by it
+  // starts. A name that no longer leads to the written file afterwards is
+  // kChanged.
+  Act writeOver(int value, const Entitled& entitled, FileState* written,
+                double* started = nullptr) const;
 
  private:
+  // After a write of value whose end was not seen: true, with *written,
+  // when the file holds it; false otherwise, errno 0 when somebody else
+  // changed the file.
+  bool madeIt(int value, FileState* written) const;
+
   std::string path_;
   FileState state_;
 };

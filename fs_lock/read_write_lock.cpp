@@ -109,6 +109,10 @@ bool DirectoryLockGuard::stillHeld() const {
   return held_ && lock_.holding().confirm();
 }
 
+bool DirectoryLockGuard::leaseHolds() const {
+  return held_ && lock_.holding().mayWrite();
+}
+
 }  // namespace korvel_detail
 
 // ---- The shared state and its refresh ----
@@ -249,7 +253,13 @@ bool Handle::acquire(unsigned long n, const TimeUnit& unit, bool noRefresh) {
   // release on another thread may have come in between.
   ScopedLock lock(dir->getMutex());
   startRefresh(noRefresh);
-  return true;
+  // An acquisition whose lease ran out before it returns (a hung call, a
+  // stop) has not succeeded.
+  if (!hasFile || holding->mayWrite()) return true;
+  count = 0;
+  releaseFile(Deadline::afterSeconds(0));
+  errno = ETIMEDOUT;
+  return false;
 }
 
 bool Handle::acquireNested() {
@@ -269,8 +279,6 @@ bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
   const DirectoryWatch::Wanted blocker = [&](const std::string& name) {
     return name == writeName || (write && name.compare(0, readPrefix.size(), readPrefix) == 0);
   };
-  koStaleLockRemover remover;
-  remover.deadline = deadline;
   unsigned backOff = kPollMs;
   int transientError = 0;
   for (;;) {
@@ -278,9 +286,9 @@ bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
       DirectoryLockGuard guard(dir->dirLock, deadline, singleAttempt);
       if (!guard.held()) return false;  // errno from the directory lock
       ScopedLock lock(dir->getMutex());
-      remover.warned = &dir->staleWarned;
+      dir->judge.deadline = deadline;
       Entry entry = okToAcquire();
-      if (entry == Entry::kBlocked && removeStaleFiles(&remover, guard)) entry = okToAcquire();
+      if (entry == Entry::kBlocked && removeStaleFiles(&dir->judge, guard)) entry = okToAcquire();
       if (entry == Entry::kRefused) {
         const int error = errno;
         warningLog << "FS_LOCK: cannot look into " << dir->directory << ": " << errorText(error)
@@ -300,6 +308,8 @@ bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
       }
     }
     if (singleAttempt || deadline.passed()) {
+      ScopedLock lock(dir->getMutex());
+      dir->judge.remember();
       errno = transientError != 0 ? transientError : ETIMEDOUT;
       return false;
     }
@@ -329,7 +339,7 @@ Create Handle::enter(const DirectoryLockGuard& guard) {
   if (!guard.stillHeld()) {
     // The directory lock was lost while the file was made: others may have
     // looked meanwhile. Take it back and look again.
-    Judgement(made, written).remove([] { return true; });
+    Judgement(made, written).remove(Entitled([] { return true; }));
     return Create::kTaken;
   }
   hasFile = true;
@@ -378,7 +388,8 @@ bool Handle::removeStaleFiles(koStaleLockRemover* remover, const DirectoryLockGu
     }
   }
   bool removed = false;
-  const Entitled entitled = [&guard] { return guard.stillHeld(); };
+  const Entitled entitled([&guard] { return guard.stillHeld(); },
+                          [&guard] { return guard.leaseHolds(); });
   for (const Judgement& stale : remover->staleFiles) {
     removed = remover->removeStaleFile(stale, entitled) == Act::kDone || removed;
   }

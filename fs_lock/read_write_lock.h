@@ -44,6 +44,8 @@ class DirectoryLockGuard {
   // Still ours: not lost, and its lease allows a change made now. A look
   // and a change made under a lock that was lost in between prove nothing.
   bool stillHeld() const;
+  // The same by its lease alone, without looking at the file.
+  bool leaseHolds() const;
 
  private:
   koDirectoryExclusiveLock::Impl& lock_;
@@ -108,8 +110,8 @@ class koDirectoryReadWriteLock::Impl {
   mutable boost::timed_mutex mutex;
   std::string writeLockName;
   std::string readLockPattern;
-  std::set<std::string> readLocks;    // full names of the read-lock files held; guarded by mutex
-  std::set<std::string> staleWarned;  // stale files named once already; guarded by mutex
+  std::set<std::string> readLocks;  // full names of the read-lock files held; guarded by mutex
+  koStaleLockRemover judge;  // what was seen of lock files, from wait to wait; guarded by mutex
 };
 
 // What a handle's copies share: the count and the file held through them.

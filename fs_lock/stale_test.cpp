@@ -9,6 +9,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "fs_lock/this_host.h"
 #include "host/host.h"
@@ -21,6 +22,8 @@ namespace {
 // A file older than this by the server's clock when first seen has stood
 // still for longer than a refresh period: worth remembering.
 constexpr double kStillSeconds = korvel_protocol::kRefreshPeriodMs / 1000.0;
+// A name not looked at for this long is forgotten.
+constexpr double kForgetSeconds = 60.0;
 
 // What the stale test writes into its fresh files: nobody reads it.
 std::atomic<unsigned> freshFileNumbers{0};
@@ -41,25 +44,26 @@ koStaleLockRemover::Verdict verdictOf(Look look) {
 
 }  // namespace
 
-koStaleLockRemover::~koStaleLockRemover() {
+koStaleLockRemover::~koStaleLockRemover() = default;
+
+void koStaleLockRemover::remember() {
   const int error = errno;  // what the attempt that ends here says
-  try {
-    const Sightings record;
-    const double now = hostMonotonic();
-    bool remembered = false;
-    for (const auto& entry : sightings_) {
-      const Sighting& seen = entry.second;
-      // Only a file that stood still for a while may be a dead holder's: a
-      // waiter's queue place changes at every poll, a holder's every 5 s.
-      const double watched = now - seen.firstSeen;
-      if (seen.recorded || (watched < 1.0 && seen.serverAge + watched < kStillSeconds)) continue;
+  const Sightings record;
+  const double now = hostMonotonic();
+  bool remembered = false;
+  for (auto entry = sightings_.begin(); entry != sightings_.end();) {
+    Sighting& seen = entry->second;
+    // Only a file that stood still for a while may be a dead holder's: a
+    // waiter's queue place changes at every poll, a holder's every 5 s.
+    const double watched = now - seen.firstSeen;
+    if (!seen.recorded && (watched >= 1.0 || seen.serverAge + watched >= kStillSeconds)) {
       record.remember(seen.state, seen.firstSeen);
-      remembered = true;
+      seen.recorded = remembered = true;
     }
-    if (remembered) record.prune(now - kLongDeadSeconds);
-  } catch (...) {
-    // Only a later attempt's patience depends on it.
+    // A name not looked at for a while (a read lock that went) is let go.
+    entry = now - seen.lastSeen > kForgetSeconds ? sightings_.erase(entry) : std::next(entry);
   }
+  if (remembered) record.prune(now - kLongDeadSeconds);
   errno = error;
 }
 
@@ -86,7 +90,10 @@ koStaleLockRemover::Verdict koStaleLockRemover::judge(const std::string& lockFil
        hostRealtime() - static_cast<double>(seen->mtimeSeconds) > kObservationSeconds)) {
     age(lockFile, &sighting);
   }
-  const double watched = hostMonotonic() - sighting.firstSeen;
+  // Watched from the first sighting to the look just made, not to now: a
+  // look that took long (a hung fresh file) proves nothing about the time
+  // after it.
+  const double watched = sighting.lastSeen - sighting.firstSeen;
   // The holder's own host may know it ended: that stands in for the wait.
   const bool stale = watched > kObservationSeconds ||
                      sighting.serverAge + watched > kLongDeadSeconds ||
@@ -100,10 +107,13 @@ koStaleLockRemover::Verdict koStaleLockRemover::judge(const std::string& lockFil
 koStaleLockRemover::Sighting& koStaleLockRemover::sight(const std::string& lockFile,
                                                         const FileState& state) {
   Sighting& sighting = sightings_[lockFile];
-  if (sighting.firstSeen != 0.0 && sighting.state.sameAs(state)) return sighting;
-  sighting = Sighting();
-  sighting.state = state;
-  sighting.firstSeen = hostMonotonic();
+  const double now = hostMonotonic();
+  if (sighting.firstSeen == 0.0 || !sighting.state.sameAs(state)) {
+    sighting = Sighting();
+    sighting.state = state;
+    sighting.firstSeen = now;
+  }
+  sighting.lastSeen = now;
   return sighting;
 }
 

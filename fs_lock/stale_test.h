@@ -20,8 +20,9 @@
 
 #include "fs_lock/lock_file.h"
 
-// Judges lock files for one acquisition (all its polls). Used by one thread
-// at a time. Its sightings go to this host's record when it is destroyed.
+// Judges lock files. A lock object keeps one for all its acquisitions, so
+// that what it saw in one goes on counting in the next. Used by one thread
+// at a time.
 class koStaleLockRemover {
  public:
   enum class Verdict {
@@ -52,6 +53,10 @@ class koStaleLockRemover {
   void forget(const std::string& lockFile);
   // How long lockFile has been seen as it was at its last judgement.
   double watchedFor(const std::string& lockFile) const;
+  // Leaves what was seen of files that stood still in this host's record,
+  // for later attempts (a process's next one, another process's), and lets
+  // go of names not looked at for a while. errno is kept.
+  void remember();
 
   std::vector<Judgement> staleFiles;
   Deadline deadline = Deadline::afterSeconds(0.02);
@@ -62,6 +67,7 @@ class koStaleLockRemover {
   struct Sighting {
     FileState state;
     double firstSeen = 0.0;     // hostMonotonic(), this host's earliest
+    double lastSeen = 0.0;      // the last judgement
     double serverAge = -1e300;  // server seconds since its change, at firstSeen
     bool recorded = false;      // this host's record already says so
     bool aged = false;          // serverAge and the record were asked

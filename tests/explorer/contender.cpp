@@ -181,22 +181,22 @@ Result faulted(Call call, const char* path, Result failed, Body body) {
 //
 // What the oracle needs from inside the library is read here, from the
 // host calls on lock files (names starting ".deploy_"), and nowhere else:
-//   - "w OPEN PATH NUMBER": a write of NUMBER reached PATH; OPEN is when the
-//     descriptor was opened, which is no earlier than the start the library
+//   - "w START PATH NUMBER": a write of NUMBER reached PATH; START is when
+//     the write call began, which is no earlier than the start the library
 //     counts its lease from. The holder's lease ends 14 s after the last one.
 //   - "rm PATH NUMBER": PATH was removed while it held NUMBER.
 //   - "take PATH NUMBER": a file holding another's NUMBER was written over.
-//   - "late PATH": an act (write or removal) on a lock file came more than
-//     a second after the same thread read back its own number and did
-//     nothing else in between: a hit in the known window between a read-back
-//     and its act.
+//   - "late PATH": an act (write or removal) on a lock file landed more than
+//     a second after the same thread read a lock file (its own number read
+//     back, or the file it judged) and did nothing else in between: a hit in
+//     the known window between the check of a judgement and its act, which a
+//     stalled request (a hung mount) stretches.
 // A number is "own" once this process has written it anywhere.
 
 constexpr double kLateSeconds = 1.0;
 
 struct Opened {
   std::string path;
-  double openedAt;
   bool lockFile;
   int previous;  // the number it held when opened for writing, or -1
 };
@@ -236,12 +236,17 @@ std::string pathOf(int fd) {
   return found != opened.end() ? found->second.path : std::string();
 }
 
+// Called before and after an act: a request that hangs before it reaches
+// the server lands late too.
 void actOn(const char* path) {
-  if (readBackAt >= 0 && now() - readBackAt > kLateSeconds) say("late", "%s", path);
+  if (readBackAt >= 0 && now() - readBackAt > kLateSeconds) {
+    say("late", "%s", path);
+    readBackAt = -1;
+  }
 }
 
-// A write of size bytes from text went through fd.
-void wrote(int fd, const void* text, size_t size) {
+// A write of size bytes from text, begun at start, went through fd.
+void wrote(int fd, const void* text, size_t size, double start) {
   std::lock_guard<std::mutex> lock(observedMutex);
   auto found = opened.find(fd);
   if (found == opened.end() || !found->second.lockFile) return;
@@ -252,7 +257,7 @@ void wrote(int fd, const void* text, size_t size) {
   }
   o.previous = -1;
   ownNumbers.insert(number);
-  say("w", "%.4f %s %d", o.openedAt, o.path.c_str(), number);
+  say("w", "%.4f %s %d", start, o.path.c_str(), number);
 }
 
 }  // namespace
@@ -287,7 +292,6 @@ extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
   const bool lockFile = isLockFile(path);
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;
   if (!writes || (flags & O_CREAT) != 0) readBackAt = -1;
-  const double t = now();
   const int previous = lockFile && writes && (flags & O_CREAT) == 0 ? numberOf(path) : -1;
   // Stamped at once, before a late answer: the server has the file by then.
   const int fd = faulted(explorer::kOpen, path, -1, [&] {
@@ -300,7 +304,7 @@ extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
   });
   if (fd < 0) return fd;
   std::lock_guard<std::mutex> lock(observedMutex);
-  opened[fd] = Opened{path, t, lockFile, previous};
+  opened[fd] = Opened{path, lockFile, previous};
   return fd;
 }
 
@@ -319,8 +323,7 @@ extern "C" ssize_t hostPread(int fd, void* buffer, size_t size, off_t offset) {
   std::lock_guard<std::mutex> lock(observedMutex);
   auto found = opened.find(fd);
   if (found == opened.end() || !found->second.lockFile) return n;
-  const int number = n > 0 ? numberIn(static_cast<char*>(buffer), static_cast<size_t>(n)) : -1;
-  readBackAt = ownNumbers.count(number) != 0 ? now() : -1.0;
+  readBackAt = n > 0 ? now() : -1.0;
   return n;
 }
 
@@ -336,12 +339,14 @@ ssize_t writeThrough(int fd, const void* buffer, size_t size, Body body) {
     rewritingHeld = found != opened.end() && ownNumbers.count(found->second.previous) != 0 &&
                     !explorer::targets(explorer::kQueueLevel, path.c_str());
   }
+  const double start = now();
   const ssize_t n = faulted(explorer::kWrite, path.c_str(), static_cast<ssize_t>(-1), [&] {
+    if (isLockFile(path.c_str())) actOn(path.c_str());
     const ssize_t written = body();
     if (written == static_cast<ssize_t>(size)) stamp(fd);
     return written;
   });
-  if (n == static_cast<ssize_t>(size)) wrote(fd, buffer, size);
+  if (n == static_cast<ssize_t>(size)) wrote(fd, buffer, size, start);
   return n;
 }
 
@@ -386,6 +391,12 @@ extern "C" int hostStat(const char* path, struct stat* st) {
                  faulted(explorer::kStat, path, -1, [&] { return hostDefaultStat(path, st); }), st);
 }
 
+extern "C" int hostLstat(const char* path, struct stat* st) {
+  readBackAt = -1;
+  return statted(
+      path, faulted(explorer::kStat, path, -1, [&] { return hostDefaultLstat(path, st); }), st);
+}
+
 extern "C" int hostFstat(int fd, struct stat* st) {
   readBackAt = -1;
   const std::string path = pathOf(fd);
@@ -394,16 +405,30 @@ extern "C" int hostFstat(int fd, struct stat* st) {
       st);
 }
 
-extern "C" int hostRemoveFile(const char* path) {
+extern "C" int hostUnlink(const char* path) {
   const bool lockFile = isLockFile(path);
   if (lockFile) actOn(path);
   int number = -1;
   const int rc = faulted(explorer::kRemove, path, -1, [&] {
-    if (lockFile) number = numberOf(path);  // what the removal hits, after a hang
-    return hostDefaultRemoveFile(path);
+    if (lockFile) {
+      actOn(path);
+      number = numberOf(path);  // what the removal hits, after a hang
+    }
+    return hostDefaultUnlink(path);
   });
   if (rc == 0 && lockFile) say("rm", "%s %d", path, number);
   return rc;
+}
+
+// What a contender's host knows (see Schedule::oneHost).
+extern "C" const char* hostLocalStateDirectory() {
+  static const std::string dir = [] {
+    const std::string made =
+        config.root + (config.schedule->oneHost ? "/host" : "/host." + std::to_string(config.id));
+    mkdir(made.c_str(), 0755);  // a host's /dev/shm is always there
+    return made;
+  }();
+  return dir.c_str();
 }
 
 extern "C" char* hostGetDirList(const char* pattern, int flags) {

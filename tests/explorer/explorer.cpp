@@ -165,6 +165,7 @@ class Run {
       pids_.push_back(pid);
     }
     killed_.assign(s_.processes, false);
+    killedAt_.assign(s_.processes, kForever);
   }
 
   void signal() {
@@ -181,6 +182,7 @@ class Run {
       while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &t, nullptr) == EINTR) {
       }
       if (pids_[act.who] > 0) kill(pids_[act.who], act.signal);
+      if (act.signal == SIGKILL) killedAt_[act.who] = std::min(killedAt_[act.who], act.at);
       if (act.signal != SIGCONT) ++out_.faults[act.signal == SIGSTOP ? "stop" : "kill"];
     }
   }
@@ -246,6 +248,24 @@ class Run {
     return (last > -kForever ? last : h.acq) + kLease;
   }
 
+  // The time by which h's holder knew of its writes: when it was told, or
+  // just before its last write when a fault of its own came between that
+  // write and the telling.
+  double confirmedBy(const Hold& h) const {
+    double lastWrite = -kForever;
+    bool faulted = false;
+    for (const Event& e : events_[h.p]) {
+      if (e.t > h.told) break;
+      if (e.what == "w" && e.path == h.file) {
+        lastWrite = e.t;
+        faulted = false;
+      } else if (e.what == "fault" && lastWrite > -kForever) {
+        faulted = true;
+      }
+    }
+    return faulted ? lastWrite - 1e-6 : h.told;
+  }
+
   // Whether another contender removed or wrote over h's file before h was
   // told of its loss.
   bool takenFrom(const Hold& h) const {
@@ -295,6 +315,9 @@ class Run {
                            {},
                            kForever});
           holding = true;
+        } else if (holding && e.what == "die") {
+          holds.back().end = std::min(holds.back().end, e.t);  // a dead process holds nothing
+          holding = false;
         } else if (holding && (e.what == "lost" || e.what == "told" || e.what == "rls")) {
           holds.back().end = std::min(holds.back().end, e.t);
           if (e.what != "rls") holds.back().told = std::min(holds.back().told, e.t);
@@ -311,6 +334,7 @@ class Run {
         }
       }
     }
+    for (Hold& h : holds) h.end = std::min(h.end, killedAt_[h.p]);
     std::sort(holds.begin(), holds.end(),
               [](const Hold& a, const Hold& b) { return a.acq < b.acq; });
     for (size_t i = 0; i < holds.size(); ++i) {
@@ -337,9 +361,12 @@ class Run {
         break;
       }
     }
-    // Calm: a loss told while the lease ran, of a file nobody took.
+    // Calm: a loss told while the lease ran, of a file nobody took. The lease
+    // is the one the holder could know of: a fault of its own after its last
+    // write (a pause in the calls that confirm it) leaves it with the one
+    // before.
     for (const Hold& h : holds) {
-      const double lease = leaseEnd(h, h.told, true);
+      const double lease = leaseEnd(h, confirmedBy(h), true);
       if (!options.calm || h.told >= lease - kNoticeTolerance || takenFrom(h)) continue;
       out_.violations.push_back(
           format("false loss: p%d (%c) was told at %.2f s, its lease ran to %.2f s, its file was "
@@ -373,6 +400,7 @@ class Run {
   long long epoch_ = 0;
   std::vector<pid_t> pids_;
   std::vector<bool> killed_;
+  std::vector<double> killedAt_;  // host time of a SIGKILL sent
   std::vector<std::vector<Event>> events_;
   std::map<int, int> owner_;  // number -> the contender that wrote it
   Outcome out_;

@@ -143,12 +143,15 @@ Schedule::Schedule(unsigned long long s, bool c) : seed(s), calm(c) {
         {at, 1 + pick(processes - 1), SIGSTOP, uniform(1, std::min(20.0, end - 1 - at))});
   }
   if (chance(0.15)) signals.push_back({uniform(1, end - 2), 1 + pick(processes - 1), SIGKILL, 0});
+  oneHost = chance(0.25);  // drawn last: the draws above keep their seeds
 }
 
 std::string Schedule::words() const {
   char head[256];
-  snprintf(head, sizeof head, "seed %llu: %s lock, %d contenders for %.0f s, file times from %s\n",
-           seed, rw ? "read-write" : "exclusive", processes, end,
+  snprintf(head, sizeof head,
+           "seed %llu: %s lock, %d contenders %s for %.0f s, file times from %s\n", seed,
+           rw ? "read-write" : "exclusive", processes,
+           oneHost ? "on one host" : "on hosts of their own", end,
            clientStamps ? "each client's wall clock" : "the server's clock");
   std::string out = head;
   out += line("p0 takes the lock%s first and is killed %.1f s into that hold",

@@ -85,6 +85,11 @@ struct Schedule {
   std::vector<std::vector<Fault>> faults;  // per contender
   std::vector<Fault> anyone;               // each for the first contender it hits
   std::vector<Signal> signals;
+  // The contenders share one host's knowledge (what it saw of lock files,
+  // which of its processes hold them), so that a killed holder is known
+  // dead at once; otherwise each stands for a host of its own, and only the
+  // rules that work across hosts apply.
+  bool oneHost;
 };
 
 }  // namespace explorer

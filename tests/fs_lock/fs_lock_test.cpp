@@ -35,7 +35,7 @@ using korvel_test::WarningCapture;
 using Zentha::System::TimeUnit;
 using Verdict = koStaleLockRemover::Verdict;
 
-const Entitled kAlways = [] { return true; };
+const Entitled kAlways([] { return true; });
 
 class FsLockTest : public TempDirTest {
  protected:
@@ -78,7 +78,10 @@ TEST_F(FsLockTest, LockFilesAreActedOnOnlyAsTheyWereJudged) {
   EXPECT_EQ(readFile(lock), "7") << "a shorter number leaves no tail";
   EXPECT_EQ(Judgement(lock, made).writeOver(8, kAlways, &made), Act::kChanged);
   EXPECT_EQ(Judgement(lock, made).remove(kAlways), Act::kChanged);
-  EXPECT_EQ(Judgement(lock, written).remove([] { return false; }), Act::kNotEntitled);
+  EXPECT_EQ(Judgement(lock, written).remove(Entitled([] { return false; })), Act::kNotEntitled);
+  EXPECT_EQ(Judgement(lock, written).remove(Entitled([] { return true; }, [] { return false; })),
+            Act::kNotEntitled)
+      << "the lease is asked again right before the act";
   // The same bytes with another time: rewritten behind the holder's back.
   ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 100));
   EXPECT_EQ(Judgement(lock, written).writeOver(9, kAlways, &made), Act::kChanged);
@@ -129,6 +132,7 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
     korvel_test::writeFile(lock, "2");  // its holder refreshed: watched afresh
     ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
+    judge.remember();  // as an attempt that ends without the lock
   }
   // A later attempt on this host goes on from what the earlier one saw.
   korvel_test::advanceClock(15.1);
@@ -479,8 +483,8 @@ TEST_F(LockProcessTest, OnOneHostTheKernelTellsWhatItKnows) {
 
   // A holder killed on this host, after a refresh or two: taken over at
   // once.
-  const pid_t killed = start({"hold", dir_.path(), "excl"}, at("killed.out"),
-                             {"KORVEL_TEST_TIME_SCALE=10"});
+  const pid_t killed =
+      start({"hold", dir_.path(), "excl"}, at("killed.out"), {"KORVEL_TEST_TIME_SCALE=10"});
   ASSERT_TRUE(korvel_test::waitForFileText(at("killed.out"), "held\n", 20));
   usleep(1200000);  // its refreshes come every 0.5 s
   kill(killed, SIGKILL);
