@@ -10,7 +10,7 @@
 #   rw, tool, threads, dirsize, canonical)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+scripts/install-deps.sh test
 if ! command -v strace >/dev/null; then
   sudo=""
   [ "$(id -u)" -eq 0 ] || sudo="sudo"

@@ -1,16 +1,24 @@
 #!/usr/bin/env bash
-# Installs, from Debian packages, whatever the build and the tests need and
-# the machine lacks. Safe to run again; needs root (or sudo) only when
-# something is missing. With the argument "multihost": what the multi-host
-# stage needs instead (namespaces, an SFTP server, sshfs, a clock skewer).
+# Installs, from Debian packages, what the machine lacks for one purpose.
+# Safe to run again; needs root (or sudo) only when something is missing.
+#   install-deps.sh            building the library and korvel-lock, and the
+#                              demonstration (the manual page needs groff)
+#   install-deps.sh test       that, and the tests, benchmarks, formatting,
+#                              clang-tidy and the Debian packages' checks
+#   install-deps.sh multihost  the multi-host stage (namespaces, an SFTP
+#                              server, sshfs, a clock skewer)
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config libboost-thread-dev libgtest-dev libgmock-dev
-          libbenchmark-dev clang-format clang-tidy
-          groff-base dpkg-dev lintian)  # korvel-lock's manual page; the Debian packages
-if [ "${1:-}" = multihost ]; then
-  packages=(iproute2 openssh-server sshfs libfaketime)
-fi
+packages=(cmake ninja-build g++ pkg-config libboost-thread-dev groff-base)
+case "${1:-}" in
+  test)
+    packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
+               dpkg-dev lintian)  # dpkg-dev and lintian: the Debian packages
+    ;;
+  multihost)
+    packages=(iproute2 openssh-server sshfs libfaketime)
+    ;;
+esac
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -481,7 +481,7 @@ void acquire(const Options& o, double deadline, const TryFor& tryFor, Attempt* a
     {
       std::lock_guard<std::mutex> lock(a->mutex);
       told = a->transient != 0;
-      a->transient = curable ? error : 0;
+      a->transient = isTransient(error) ? error : 0;  // an obstacle was told of already
     }
     if (!curable) continue;
     if (!told) wakeMainThread();
@@ -851,7 +851,8 @@ int clean(const Options& o) {
   };
   const auto notOurs = [&](const LockFile& file) {
     const std::string owner = korvel_tool::ownerName(file.owner);
-    return "it belongs to user " + owner + "; " + owner + " or root can remove it";
+    return "it belongs to user " + owner + "; " + (owner == "root" ? "" : owner + " or ") +
+           "root can remove it";
   };
   const auto remove = [&](const LockFile& file, time_t at) {
     if (korvel_tool::removeIfUnchanged(o.directory, file)) {

@@ -167,7 +167,7 @@ bool isHolder(Kind kind) {
 std::string describe(const LockFile& file) {
   std::string kind = kindName(file.kind);
   if (file.kind == Kind::kQueue) kind += " " + std::to_string(file.level);
-  if (file.foreign != nullptr) return std::string(file.foreign) + " at a " + kind + "'s name";
+  if (file.foreign != nullptr) return std::string(file.foreign) + " in the place of the " + kind;
   return kind;
 }
 
@@ -279,8 +279,9 @@ std::string obstacle(const std::string& directory, bool* unbreakable) {
     char age[32];
     snprintf(age, sizeof age, "%.0f", ageOf(file, now));
     return at + " (" + describe(file) + ", " + age + " s old) was left by a process that died, " +
-           "but it belongs to user " + owner + " and this user may not remove it; " + owner +
-           " or root can, with korvel-lock --clean '" + directory + "'";
+           "but it belongs to user " + owner + " and this user may not remove it; " +
+           (owner == "root" ? "" : owner + " or ") + "root can, with korvel-lock --clean '" +
+           directory + "'";
   }
   return "";
 }

@@ -61,8 +61,8 @@ bool isStale(const LockFile& file, time_t now);
 // Holds a lock (write, read, or the directory lock), as opposed to queueing
 // for one or being left over.
 bool isHolder(Kind kind);
-// "write lock", "internal directory lock, queue place 2", "a FIFO at the
-// write lock's name", ...
+// "write lock", "internal directory lock, queue place 2", "a FIFO in the
+// place of the write lock", ...
 std::string describe(const LockFile& file);
 // "write", "read", "directory", "queue", "stale-test", "probe"
 const char* jsonKind(Kind kind);

@@ -482,7 +482,7 @@ TEST_F(KorvelLockTest, StatusTellsLiveLocksStaleFilesAndForeignObjects) {
   };
   const Case cases[] = {
       {{}, 0},
-      {{{".deploy_lock.2", 0, "queue"}, {".deploy_write_lock", kOld, "write"}}, 2},
+      {{{".deploy_lock.2", 30, "queue"}, {".deploy_write_lock", kOld, "write"}}, 2},
       {{{".deploy_read_lock.77", kOld, "read"}, {kStaleTestName, kOld, "stale-test"}}, 2},
       {{{".korvel-lock-probe.a1B2c3", kOld, "probe"}, {".1234567", kOld, ""}}, 2},
       {{{".deploy_lock.0", 0, "directory"}}, 1},
