@@ -416,6 +416,7 @@ struct Attempt {
   std::mutex mutex;
   enum class State { kTrying, kHeld, kFailed } state = State::kTrying;
   int error = 0;           // kFailed: errno of the last try; ETIMEDOUT: held by others
+  bool timedOut = false;   // kFailed: the deadline passed while waiting was worth it
   bool gone = false;       // kFailed: the directory has gone
   std::string internal;    // kFailed: no memory, no thread, ...
   bool triedOnce = false;  // a first try failed, or took long: obstacle was looked for
@@ -475,6 +476,10 @@ void acquire(const Options& o, double deadline, const TryFor& tryFor, Attempt* a
     const bool curable = isTransient(error) || (unbreakable && (error == EACCES || error == EPERM));
     if (!held && !curable) return finish(Attempt::State::kFailed, error);
     if (deadline >= 0 && hostMonotonic() >= deadline) {
+      {
+        std::lock_guard<std::mutex> lock(a->mutex);
+        a->timedOut = true;
+      }
       return finish(Attempt::State::kFailed, held ? ETIMEDOUT : error);
     }
     bool told;
@@ -518,6 +523,7 @@ Waited waitFor(const Options& o, WaitLine& line, const TryFor& tryFor) {
   Attempt::State state;
   int error;
   bool gone;
+  bool timedOut;
   std::string internal;
   for (;;) {
     const double tick = hostRealSeconds(kTickSeconds);
@@ -554,6 +560,7 @@ Waited waitFor(const Options& o, WaitLine& line, const TryFor& tryFor) {
       state = a.state;
       error = a.error;
       gone = a.gone;
+      timedOut = a.timedOut;
       internal = a.internal;
       break;
     }
@@ -575,9 +582,7 @@ Waited waitFor(const Options& o, WaitLine& line, const TryFor& tryFor) {
   if (!internal.empty()) fail(kInternalError, internal);
   if (state == Attempt::State::kHeld) return {Outcome::kHeld, 0, signal};
   if (gone || error == ENOENT) return {Outcome::kGone, ENOENT};
-  const bool timedOut =
-      error == ETIMEDOUT || isTransient(error) || error == EACCES || error == EPERM;
-  return {timedOut && deadline >= 0 ? Outcome::kConflict : Outcome::kRefused, error};
+  return {timedOut ? Outcome::kConflict : Outcome::kRefused, error};
 }
 
 // The exit status for a wait that did not end with the lock.
