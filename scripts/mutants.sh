@@ -78,6 +78,7 @@ tool_force_not_needed | tools/korvel_lock.cpp | if (o.force) { | if (true) { | @
 tool_unbreakable_stale_refuses | tools/korvel_lock.cpp | (unbreakable && (error == EACCES \|\| error == EPERM)) | false | @tool
 tool_sticky_bit_ignored | tools/lock_files.cpp | return (st.st_mode & S_ISVTX) == 0 \|\| file.owner == geteuid() \|\| st.st_uid == geteuid(); | return true; | @tool
 tool_release_failure_not_a_loss | tools/korvel_lock.cpp | if (!lock.lost() && cause.empty()) { | if (!lock.lost()) { | @tool
+tool_full_file_system_refuses | tools/korvel_lock.cpp | return error == ENOSPC \|\| | return error == ENOMEM \|\| | KorvelLockTest\.AFull
 # ---- Path strings and buffers ----
 append_bounded_off_by_one | paths/path_strings.cpp | size_t n = strnlen(src, dstSize - 1 - used); | size_t n = strnlen(src, dstSize - used); | @paths
 collapse_reads_past_n | paths/path_strings.cpp | while (len < n && r[len] != '\0' && r[len] != '/') ++len; | while (len <= n && r[len] != '\0' && r[len] != '/') ++len; | @paths
