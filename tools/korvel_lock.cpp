@@ -445,9 +445,11 @@ void acquire(const Options& o, double deadline, const TryFor& tryFor, Attempt* a
   unsigned backOffMs = 50;
   for (bool first = true;; first = false) {
     const double left = deadline < 0 ? 0 : deadline - hostMonotonic();
+    // koForever for no deadline, or one too far to count in milliseconds.
     const unsigned long ms = first || (deadline >= 0 && left <= 0) ? 0
-                             : deadline < 0                        ? koForever
-                                            : static_cast<unsigned long>(std::ceil(left * 1e3));
+                             : deadline < 0 || left > 1e12
+                                 ? koForever
+                                 : static_cast<unsigned long>(std::ceil(left * 1e3));
     int error = 0;
     try {
       errno = 0;
@@ -460,6 +462,9 @@ void acquire(const Options& o, double deadline, const TryFor& tryFor, Attempt* a
     } catch (const std::exception& e) {
       std::lock_guard<std::mutex> lock(a->mutex);
       a->internal = e.what();
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(a->mutex);
+      a->internal = "unexpected failure";
     }
     if (error == ENOENT || error == 0) return finish(Attempt::State::kFailed, error);
     if (!diagnosed) {
