@@ -952,7 +952,11 @@ int main(int argc, char** argv) {
         break;
     }
     blockSignals();
-    return lockAndRun(o);
+    const int status = lockAndRun(o);
+    // The lock is released; the library's idle threads and pools need no
+    // orderly end, which would cost the run more than the lock did.
+    fflush(nullptr);
+    _exit(status);
   } catch (const std::exception& e) {
     // Out of memory or of threads: no string is built on the way out.
     fprintf(stderr, "korvel-lock: %s\n", e.what());
