@@ -29,8 +29,11 @@ void BM_ExclusiveLockUncontended(benchmark::State& state) {
   ScratchDir dir;
   koDirectoryExclusiveLock lock(dir.path, "bench");
   for (auto _ : state) {
-    lock.acquire(0, TimeUnit::sMilliseconds(), true);
-    lock.release(0, TimeUnit::sMilliseconds());
+    if (!lock.acquire(0, TimeUnit::sMilliseconds(), true) ||
+        !lock.release(0, TimeUnit::sMilliseconds())) {
+      state.SkipWithError("the uncontended lock failed");
+      break;
+    }
   }
 }
 BENCHMARK(BM_ExclusiveLockUncontended);
@@ -70,8 +73,11 @@ void rwUncontended(benchmark::State& state, Handle (koDirectoryReadWriteLock::*g
   const bool noRefresh = state.range(0) == 0;
   const unsigned long timeout = state.range(1) == 1 ? koForever : 10;
   for (auto _ : state) {
-    handle.acquire(timeout, TimeUnit::sSeconds(), noRefresh);
-    handle.release(timeout, TimeUnit::sSeconds());
+    if (!handle.acquire(timeout, TimeUnit::sSeconds(), noRefresh) ||
+        !handle.release(timeout, TimeUnit::sSeconds())) {
+      state.SkipWithError("the uncontended lock failed");
+      break;
+    }
   }
 }
 
@@ -103,8 +109,10 @@ void BM_HandoffFourProcesses(benchmark::State& state) {
       if (pid == 0) {
         koDirectoryExclusiveLock lock(dir.path, "bench");
         for (int i = 0; i < rounds; ++i) {
-          lock.acquire(koForever, TimeUnit::sSeconds(), true);
-          lock.release(koForever, TimeUnit::sSeconds());
+          if (!lock.acquire(koForever, TimeUnit::sSeconds(), true) ||
+              !lock.release(koForever, TimeUnit::sSeconds())) {
+            _exit(1);
+          }
         }
         _exit(0);
       }

@@ -7,7 +7,12 @@
 #
 #   bench/run.sh [RW_SECONDS [RW_RUNS]]   (read-write contention: 8 s, 3 runs)
 #   KORVEL_BENCH_ONLY=threads,canonical bench/run.sh   (some rows only: exclusive,
-#   rw, tool, threads, dirsize, canonical)
+#   rw, tool, threads, dirsize, canonical, contention)
+#   KORVEL_BENCH_ONLY=contention bench/run.sh   (8 and 32 processes on one exclusive
+#   lock against flock(2), the same-host dead holder, the pooled thread on one CPU
+#   and on two, korvel-lock against flock(1); about a minute.
+#   KORVEL_BENCH_CONTENTION_SECONDS: each contention run, 6 s;
+#   KORVEL_BENCH_DEAD_HOLDER=0 skips the dead holder, which takes 15-20 s today)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh test

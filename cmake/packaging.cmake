@@ -1,5 +1,5 @@
 # Debian packages, one per install component, named as Debian names them:
-#   libkorvel1      the shared library (named after its SONAME, libkorvel.so.1)
+#   libkorvelN      the shared library, N its SONAME's number (libkorvel.so.N)
 #   libkorvel-dev   headers, the unversioned link, CMake package, korvel.pc
 #   korvel-lock     the command-line tool and its manual page
 # Built with `cpack -G DEB` in the build directory; the test suite builds
@@ -51,7 +51,7 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${KORVEL_PACKAGE_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The consumer's checks link libkorvel.so.1 from the library package being
+# Where dpkg-shlibdeps finds libkorvel.so.N of the library package being
 # built; korvel-lock carries the library's objects itself.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_CURRENT_BINARY_DIR})
 

@@ -89,10 +89,10 @@ void lockTour(const std::string& dir) {
               koFileExists((dir + "/.deploy_lock.0").c_str()) ? "yes" : "no");
   std::printf("  second.acquire(0): %s\n",
               second.acquire(0, TimeUnit::sSeconds(), true) ? "held" : "busy, as expected");
-  first.release(5, TimeUnit::sSeconds());
+  std::printf("  first.release: %s\n", first.release() ? "released" : "failed");
   std::printf("  after release, second.acquire(0): %s\n",
               second.acquire(0, TimeUnit::sSeconds(), true) ? "held" : "busy");
-  second.release(5, TimeUnit::sSeconds());
+  std::printf("  second.release: %s\n", second.release() ? "released" : "failed");
 }
 
 void readWriteLockTour(const std::string& dir) {
@@ -102,21 +102,21 @@ void readWriteLockTour(const std::string& dir) {
   koDirectoryReadWriteLock::ReadLock reader1 = rw.getReadLock();
   koDirectoryReadWriteLock::ReadLock reader2 = rw.getReadLock();
   koDirectoryReadWriteLock::WriteLock writer = rw.getWriteLock();
-  reader1.acquire(5, TimeUnit::sSeconds());
-  reader2.acquire(5, TimeUnit::sSeconds());
+  const bool read1 = reader1.acquire(5, TimeUnit::sSeconds());
+  const bool read2 = reader2.acquire(5, TimeUnit::sSeconds());
+  if (!read1 || !read2) std::printf("  a reader could not take the lock\n");
   std::printf(
       "  two readers hold it; read-lock files: %s\n",
       koMatchingFileOrDirExists((dir + "/.deploy_read_lock.*").c_str()) ? "present" : "none");
   std::printf("  writer.acquire(200 ms) while they read: %s\n",
               writer.acquire(200, TimeUnit::sMilliseconds()) ? "held" : "refused, as expected");
-  reader1.release(5, TimeUnit::sSeconds());
-  reader2.release(5, TimeUnit::sSeconds());
+  if (!reader1.release() || !reader2.release()) std::printf("  a reader lost its lock\n");
   std::printf("  after both let go, writer.acquire: %s\n",
               writer.acquire(5, TimeUnit::sSeconds()) ? "held" : "no");
   koDirectoryReadWriteLock::ReadLock downgraded = writer.downgrade(5, TimeUnit::sSeconds());
   std::printf("  downgraded: writer held %s, now a reader held %s\n",
               writer.isAcquired() ? "yes" : "no", downgraded.isAcquired() ? "yes" : "no");
-  downgraded.release(5, TimeUnit::sSeconds());
+  if (!downgraded.release()) std::printf("  the reader lost its lock\n");
 }
 
 void treeTour(const std::string& dir) {

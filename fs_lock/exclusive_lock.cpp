@@ -1,21 +1,19 @@
 // The directory exclusive lock: a queue of levels, walked down one level at
-// a time (see the notes at the top of fs_lock.cpp).
-//
-// Every check and change is made with processMutex_ held, so the object's
-// threads and its refresh loop never interleave. The loss of level 0 is
-// recorded in holding_, whose lease the lease timer watches.
+// a time (see exclusive_lock.h, and the notes at the top of fs_lock.cpp).
+#include "fs_lock/exclusive_lock.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <new>
 #include <sstream>
 #include <vector>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/watch.h"
 #include "host/exception_list.h"
 #include "host/host.h"
-#include "korvel/fs_lock.h"
 
 using korvel_protocol::kLeaseSeconds;
 using korvel_protocol::kPollMs;
@@ -24,12 +22,13 @@ using Zentha::System::TimeUnit;
 
 namespace {
 
-typedef boost::timed_mutex::scoped_lock ScopedLock;
+typedef koDirectoryExclusiveLock::Impl::ScopedLock ScopedLock;
 
-// How long a release keeps trying to remove a file that resists.
-constexpr double kReleaseEffortSeconds = 2.0;
-// The longest pause between retries of a create that failed for now.
-constexpr unsigned kMaxBackOffMs = 1000;
+// Upper levels looked at after each acquisition, for queue places that
+// killed waiters left.
+constexpr int kSweptLevels = 64;
+// The sweep ends at this many free levels in a row.
+constexpr int kSweptGaps = 2;
 
 }  // namespace
 
@@ -38,20 +37,20 @@ const double koDirectoryExclusiveLock::STALE_TIMEOUT_SEC = korvel_protocol::kSta
 // Keeps ".deploy_lock.0" fresh while the lock is held: a rewrite every 5 s,
 // after the wait (the file was just written), retried for up to 2.5 s when
 // it fails. Runs with processMutex_ held, which the waits release.
-class koDirectoryExclusiveLock::RefreshLoop {
+class koDirectoryExclusiveLock::Impl::RefreshLoop {
  public:
-  explicit RefreshLoop(koDirectoryExclusiveLock* owner) : owner_(owner) {}
+  explicit RefreshLoop(Impl* owner) : owner_(owner) {}
 
   void operator()(koSynchronizedLoopContext& context) const {
     if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping
     verboseLog << "Touching lock file..." << std::endl;
-    Holdings failed = refreshOnce({owner_->holding_}, *owner_->numbers_);
+    Holdings failed = refreshOnce({owner_->holding_}, owner_->numbers_);
     if (failed.empty()) verboseLog << "Lock successfully refreshed" << std::endl;
-    retryRefresh(std::move(failed), *owner_->numbers_, context);
+    retryRefresh(std::move(failed), owner_->numbers_, context);
   }
 
  private:
-  koDirectoryExclusiveLock* owner_;
+  Impl* owner_;
 };
 
 // One acquisition's way down the queue: join at the first free level, then
@@ -59,13 +58,20 @@ class koDirectoryExclusiveLock::RefreshLoop {
 // until level 0 is ours. A queue place that was lost (this process was
 // stopped for longer than its lease) starts the walk again. REQUIRES: the
 // lock's processMutex_ is held throughout.
-class koDirectoryExclusiveLock::QueueWalk {
+class koDirectoryExclusiveLock::Impl::QueueWalk {
  public:
-  QueueWalk(koDirectoryExclusiveLock& lock, const Deadline& deadline, bool singleAttempt)
-      : lock_(lock), deadline_(deadline), singleAttempt_(singleAttempt) {}
+  // holderPatience: give up once the holder of level 0 has been seen
+  // unchanged this long (0: no such limit).
+  QueueWalk(Impl& lock, const Deadline& deadline, bool singleAttempt, double holderPatience)
+      : lock_(lock),
+        deadline_(deadline),
+        singleAttempt_(singleAttempt),
+        holderPatience_(holderPatience) {
+    judge_.deadline = deadline;
+  }
 
-  // True when level 0 is ours; it holds written() since a write that
-  // started at since(). False: errno says why.
+  // True when level 0 is ours; written() is how, by a write that started at
+  // since(). False: errno says why.
   bool run() {
     for (;;) {
       if (!joinQueue()) return false;
@@ -83,18 +89,19 @@ class koDirectoryExclusiveLock::QueueWalk {
     }
   }
 
-  int written() const { return written_; }
+  const FileState& written() const { return written_; }
   double since() const { return since_; }
 
  private:
   enum class Step { kDown, kWait, kFail, kLost };
+  enum class Place { kKept, kUnsure, kLost };
 
   // Claims the first free level, counting up from 0.
   bool joinQueue() {
     verboseLog << "Queuing for lock acquire in directory " << lock_.directory_ << std::endl;
     int level = 0;
     for (;;) {
-      while (exists(level)) {
+      while (taken(level)) {
         verboseLog << "Lock file exists at level " << level << ".  Going to next level..."
                    << std::endl;
         ++level;
@@ -108,12 +115,11 @@ class koDirectoryExclusiveLock::QueueWalk {
       }
       verboseLog << "Attempting to create queue file..." << std::endl;
       const double start = hostMonotonic();
-      const int value = lock_.numbers_->next();
-      switch (createLockFile(lock_.directory_, lock_.levelFile(level), 0777, value)) {
+      switch (createLockFile(lock_.directory_, lock_.levelFile(level), 0777, lock_.numbers_.next(),
+                             &written_)) {
         case Create::kMade:
           verboseLog << "queue file created at level " << level << std::endl;
           level_ = level;
-          written_ = value;
           since_ = start;
           return true;
         case Create::kTaken:  // another process was faster
@@ -146,8 +152,8 @@ class koDirectoryExclusiveLock::QueueWalk {
       }
       if (singleAttempt_ || deadline_.passed()) return giveUp(timedOut());
       verboseLog << lock_.name_ << ": Sleeping" << std::endl;
-      sleepWithin(backOff_, deadline_);
-      if (!keepPlace()) return false;
+      pause();
+      if (keepPlace() == Place::kLost) return false;
     }
     return true;
   }
@@ -157,11 +163,12 @@ class koDirectoryExclusiveLock::QueueWalk {
     const int target = level_ - 1;
     verboseLog << lock_.name_ << ": Trying to acquire level " << target << std::endl;
     const double start = hostMonotonic();
-    const int value = lock_.numbers_->next();
-    switch (createLockFile(lock_.directory_, lock_.levelFile(target), 0777, value)) {
+    FileState made;
+    switch (createLockFile(lock_.directory_, lock_.levelFile(target), 0777, lock_.numbers_.next(),
+                           &made)) {
       case Create::kMade:
         verboseLog << lock_.name_ << ": Success! removing level " << level_ << std::endl;
-        moveDown(value, start, 723);  // call-site number kept: scripts match it
+        moveDown(made, start, 723);  // call-site number kept: scripts match it
         return Step::kDown;
       case Create::kRefused:
         refused(target);
@@ -176,38 +183,59 @@ class koDirectoryExclusiveLock::QueueWalk {
     backOff_ = kPollMs;
     verboseLog << lock_.name_ << ": Could not acquire; trying to detect stale lock at level "
                << target << std::endl;
-    // Judged afresh each time: a judgement from before a long stop of this
-    // process could be about a file somebody else has taken over since.
-    koStaleLockRemover remover;
-    remover.update(lock_.levelFile(target).c_str());
-    if (remover.staleFiles.empty()) return Step::kWait;
-    return takeOver(target);
+    const std::string file = lock_.levelFile(target);
+    FileState seen;
+    switch (judge_.judge(file, &seen)) {
+      case koStaleLockRemover::Verdict::kStale:
+        return takeOver(Judgement(file, seen));
+      case koStaleLockRemover::Verdict::kLive:
+        if (target == 0 && holderPatience_ > 0 && judge_.watchedFor(file) > holderPatience_) {
+          giveUp(ETIMEDOUT);  // a holder that stays: not worth waiting for
+          return Step::kFail;
+        }
+        break;
+      case koStaleLockRemover::Verdict::kMissing:  // gone meanwhile: again at once
+      case koStaleLockRemover::Verdict::kForeign:  // named once; only its removal helps
+      case koStaleLockRemover::Verdict::kError:
+        break;
+    }
+    return Step::kWait;
   }
 
   // The level below belongs to a dead holder: write our number into it.
   // Only the owner of the level above may, so the own place is made sure of
-  // first: the takeover follows it at once.
-  Step takeOver(int target) {
-    if (!keepPlace()) return Step::kLost;
-    const std::string file = lock_.levelFile(target);
+  // right before the act (the judgement checks that).
+  Step takeOver(const Judgement& stale) {
+    const int target = level_ - 1;
+    const Entitled entitled = [this] { return keepPlace() == Place::kKept; };
     const double start = hostMonotonic();
-    const int value = lock_.numbers_->next();
-    if (overwrite(file, value)) {
-      moveDown(value, start, 0);
-      return Step::kDown;
+    FileState written;
+    Act act = stale.writeOver(lock_.numbers_.next(), entitled, &written);
+    if (act == Act::kError) {
+      // Not ours to write (another user's file): removed and made afresh.
+      act = judge_.removeStaleFile(stale, entitled);
+      if (act == Act::kDone) return createAfresh(target, start);
     }
-    // Gone meanwhile, or not ours to write: claim the level afresh.
-    if (errno != ENOENT && !removeFileWithTenacity(file.c_str(), deadline_.capped(0.02))) {
-      // Names the current level, as this warning always has; the call-site
-      // number is kept: scripts match this line.
-      warningLog << "FS_LOCK: failed to remove " << lock_.levelFile(level_) << "(" << 735 << ")"
-                 << std::endl;
-      giveUp(errno);
-      return Step::kFail;
+    switch (act) {
+      case Act::kDone:
+        judge_.forget(stale.path());
+        moveDown(written, start, 0);
+        return Step::kDown;
+      case Act::kNotEntitled:
+        return placeLost_ ? Step::kLost : Step::kWait;
+      case Act::kChanged:  // judged afresh at the next poll
+      case Act::kError:    // named once; waited out until the deadline
+        break;
     }
-    switch (createLockFile(lock_.directory_, file, 0777, value)) {
+    return Step::kWait;
+  }
+
+  Step createAfresh(int target, double start) {
+    FileState made;
+    switch (createLockFile(lock_.directory_, lock_.levelFile(target), 0777, lock_.numbers_.next(),
+                           &made)) {
       case Create::kMade:
-        moveDown(value, start, 0);
+        moveDown(made, start, 0);
         return Step::kDown;
       case Create::kRefused:
         refused(target);
@@ -220,51 +248,80 @@ class koDirectoryExclusiveLock::QueueWalk {
     return Step::kWait;
   }
 
-  // The level below is ours, holding value: give up the current one. If
-  // that was taken over meanwhile, its new owner queues behind us.
-  void moveDown(int value, double start, int callSite) {
-    const std::string file = lock_.levelFile(level_);
-    if (removeIfOursWithin(file, written_, deadline_.capped(kReleaseEffortSeconds)) ==
-            Owned::kError &&
+  // The level below is ours, as `made`: give up the current one. If that
+  // was taken over meanwhile, its new owner queues behind us.
+  void moveDown(const FileState& made, double start, int callSite) {
+    if (!leave(lock_.levelFile(level_), Deadline::afterSeconds(kReleaseEffortSeconds)) &&
         callSite != 0) {
-      warningLog << "FS_LOCK: failed to remove " << file << "(" << callSite << ")" << std::endl;
+      warningLog << "FS_LOCK: failed to remove " << lock_.levelFile(level_) << "(" << callSite
+                 << ")" << std::endl;
     }
     --level_;
-    written_ = value;
+    written_ = made;
     since_ = start;
   }
 
-  // Rewrites the own queue file. False when the place was lost: not
-  // refreshed for the lease's time, or taken over.
-  bool keepPlace() {
-    if (hostMonotonic() - since_ >= kLeaseSeconds) return placeLost("not refreshed for 14 s");
-    const double start = hostMonotonic();
-    const int value = lock_.numbers_->next();
-    switch (rewriteIfOurs(lock_.levelFile(level_), written_, value)) {
-      case Owned::kYes:
-        written_ = value;
-        since_ = start;
-        return true;
-      case Owned::kLost:
-        return placeLost("the file was taken over");
-      case Owned::kError:
-        break;  // again at the next poll; the lease keeps running
+  // Removes the own queue file if it is still as written; false when it
+  // resisted until the deadline.
+  bool leave(const std::string& file, const Deadline& deadline) {
+    const Judgement ours(file, written_);
+    const Entitled always = [] { return true; };
+    Act act;
+    while ((act = ours.remove(always)) == Act::kError && !isRefusal(errno) && !deadline.passed()) {
+      sleepWithin(1, deadline);
     }
-    return true;
+    return act != Act::kError;
   }
 
-  bool placeLost(const char* why) {
+  // Rewrites the own queue file. kLost when the place was lost: not
+  // refreshed for the lease's time, or taken over. kUnsure when it could
+  // not be rewritten (again at the next poll; the lease keeps running).
+  Place keepPlace() {
+    if (hostMonotonic() - since_ >= kLeaseSeconds) {
+      placeLost("not refreshed for 14 s");
+      return Place::kLost;
+    }
+    const double start = hostMonotonic();
+    FileState written;
+    const Entitled always = [] { return true; };
+    switch (Judgement(lock_.levelFile(level_), written_)
+                .writeOver(lock_.numbers_.next(), always, &written)) {
+      case Act::kDone:
+        written_ = written;
+        since_ = start;
+        return Place::kKept;
+      case Act::kChanged:
+        placeLost("the file was taken over");
+        return Place::kLost;
+      case Act::kNotEntitled:
+      case Act::kError:
+        break;
+    }
+    return Place::kUnsure;
+  }
+
+  // One poll, cut short when the level below goes (on this host).
+  void pause() {
+    if (!watch_) watch_.reset(new DirectoryWatch(lock_.directory_));
+    const std::string below =
+        std::string(korvel_protocol::kLevelPrefix + 1) + std::to_string(level_ - 1);
+    watch_->sleep(backOff_, deadline_, [&below](const std::string& name) { return name == below; });
+  }
+
+  void placeLost(const char* why) {
     warningLog << "FS_LOCK: lost the queue place " << lock_.levelFile(level_) << ": " << why
                << std::endl;
     level_ = -1;
     placeLost_ = true;
-    return false;
   }
 
-  // A missing directory reads as a free level here; the create that
-  // follows finds it gone.
-  bool exists(int level) const {
-    return hostOpenAndClose(lock_.levelFile(level).c_str(), O_RDONLY, 0777) == 0;
+  // Something has the name: a queue place, a holder, or a foreign object.
+  // A directory that cannot be looked into reads as free here; the create
+  // that follows says why.
+  bool taken(int level) const {
+    FileState seen;
+    const Look look = lookAtName(lock_.levelFile(level), &seen);
+    return look == Look::kFile || look == Look::kForeign;
   }
 
   bool refused(int level) {
@@ -274,14 +331,16 @@ class koDirectoryExclusiveLock::QueueWalk {
     return fail(error);
   }
 
-  // A create that failed for now: said once per walk, retried with
-  // back-off; a wait that ends meanwhile reports this error.
+  // A create that failed for now: said at the first failure and once a
+  // minute after that, retried with back-off; a wait that ends meanwhile
+  // reports this error.
   void transient(int level) {
     transientError_ = errno;
-    if (!transientWarned_) {
+    const double now = hostMonotonic();
+    if (transientWarned_ == 0.0 || now - transientWarned_ >= 60.0) {
       warningLog << "FS_LOCK: cannot create " << lock_.levelFile(level)
-                 << " for now: " << errorText(transientError_) << std::endl;
-      transientWarned_ = true;
+                 << " for now: " << errorText(transientError_) << "; still trying" << std::endl;
+      transientWarned_ = now;
     }
     backOff_ = std::min(2 * backOff_, kMaxBackOffMs);
   }
@@ -290,12 +349,10 @@ class koDirectoryExclusiveLock::QueueWalk {
 
   // Leaves the queue, removing the own queue file if it is still ours.
   bool giveUp(int error) {
-    if (level_ > 0) {
-      const std::string file = lock_.levelFile(level_);
-      if (removeIfOursWithin(file, written_, Deadline::afterSeconds(0.02)) == Owned::kError) {
-        // The call-site number is kept: scripts match this line.
-        warningLog << "FS_LOCK: failed to remove " << file << "(" << 768 << ")" << std::endl;
-      }
+    if (level_ > 0 && !leave(lock_.levelFile(level_), Deadline::afterSeconds(0.02))) {
+      // The call-site number is kept: scripts match this line.
+      warningLog << "FS_LOCK: failed to remove " << lock_.levelFile(level_) << "(" << 768 << ")"
+                 << std::endl;
     }
     level_ = -1;
     return fail(error);
@@ -306,28 +363,31 @@ class koDirectoryExclusiveLock::QueueWalk {
     return false;
   }
 
-  koDirectoryExclusiveLock& lock_;
+  Impl& lock_;
   const Deadline& deadline_;
   const bool singleAttempt_;
+  const double holderPatience_;
+  koStaleLockRemover judge_;               // its sightings last the whole walk
+  std::unique_ptr<DirectoryWatch> watch_;  // made at the first wait
   int level_ = -1;
-  int written_ = 0;
+  FileState written_;  // the own place as last written
   double since_ = 0.0;
   bool placeLost_ = false;  // the walk must start again
   unsigned backOff_ = kPollMs;
   int transientError_ = 0;
-  bool transientWarned_ = false;
+  double transientWarned_ = 0.0;
 };
 
-koDirectoryExclusiveLock::koDirectoryExclusiveLock(std::string directory, const char* name)
-    : directory_(std::move(directory)),
+koDirectoryExclusiveLock::Impl::Impl(std::string directory, const char* name)
+    : directory_(absolutePath(std::move(directory))),
       name_(name != nullptr ? name : ""),
-      numbers_(new LockNumbers),
+      creator_(hostProcessId()),
       holding_(std::make_shared<LockHolding>()),
       refreshFunctor_(new RefreshLoop(this)),
       pool_(koDirectoryLockThreadPool()),
       refreshLoop_(new LoopThread(processMutex_, boost::ref(*refreshFunctor_), pool_.get())) {}
 
-koDirectoryExclusiveLock::~koDirectoryExclusiveLock() {
+koDirectoryExclusiveLock::Impl::~Impl() {
   try {
     holding_->close();
     if (holding_->heldElsewhere()) {
@@ -341,7 +401,7 @@ koDirectoryExclusiveLock::~koDirectoryExclusiveLock() {
         ScopedLock lock(processMutex_);
         if (acquireCount_ == 0) break;
       }
-      if (!release(koForever, TimeUnit::sSeconds())) break;
+      if (!releaseUntil(Deadline::forever())) break;
     }
   } catch (...) {
     // A destructor must not throw: what could not be released goes stale.
@@ -349,36 +409,17 @@ koDirectoryExclusiveLock::~koDirectoryExclusiveLock() {
   refreshLoop_.reset();
 }
 
-bool koDirectoryExclusiveLock::acquire(unsigned long timeout, const TimeUnit& unit,
-                                       bool noRefreshLoop) {
-  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
-      [&] { return acquireUntil(Deadline::after(timeout, unit), timeout == 0, noRefreshLoop); });
-}
-
-bool koDirectoryExclusiveLock::release(unsigned long timeout, const TimeUnit& unit) {
-  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
-      [&] { return releaseUntil(Deadline::after(timeout, unit)); });
-}
-
-bool koDirectoryExclusiveLock::lost() const {
-  return holding_->lost();
-}
-
-void koDirectoryExclusiveLock::onLost(std::function<void()> handler) {
-  holding_->setHandler(std::move(handler));
-}
-
-bool koDirectoryExclusiveLock::acquireUntil(const Deadline& deadline, bool singleAttempt,
-                                            bool noRefreshLoop) {
+bool koDirectoryExclusiveLock::Impl::acquireUntil(const Deadline& deadline, bool singleAttempt,
+                                                  bool noRefreshLoop, double holderPatience) {
   ScopedLock lock(processMutex_, boost::defer_lock);
   if (!lockBy(lock, deadline)) {
     errno = ETIMEDOUT;
     return false;
   }
-  return acquireHeld(deadline, singleAttempt, noRefreshLoop, lock);
+  return acquireHeld(deadline, singleAttempt, noRefreshLoop, holderPatience, lock);
 }
 
-bool koDirectoryExclusiveLock::releaseUntil(const Deadline& deadline) {
+bool koDirectoryExclusiveLock::Impl::releaseUntil(const Deadline& deadline) {
   ScopedLock lock(processMutex_, boost::defer_lock);
   if (!lockBy(lock, deadline)) {
     errno = ETIMEDOUT;
@@ -387,8 +428,28 @@ bool koDirectoryExclusiveLock::releaseUntil(const Deadline& deadline) {
   return releaseHeld(deadline, lock);
 }
 
-bool koDirectoryExclusiveLock::acquireHeld(const Deadline& deadline, bool singleAttempt,
-                                           bool noRefreshLoop, ScopedLock& lock) {
+bool koDirectoryExclusiveLock::Impl::usable() const {
+  if (directory_.empty()) {
+    errno = EINVAL;
+    return false;
+  }
+  if (creator_ != hostProcessId()) {  // a forked child: the threads are the parent's
+    errno = EPERM;
+    return false;
+  }
+  // The stale test makes fresh files beside the lock files.
+  if (directory_.size() + 1 + kLongestFreshName >= PATH_MAX) {
+    warningLog << "FS_LOCK: the path " << directory_ << " is too long for the lock" << std::endl;
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  return true;
+}
+
+bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool singleAttempt,
+                                                 bool noRefreshLoop, double holderPatience,
+                                                 ScopedLock& lock) {
+  if (!usable()) return false;
   if (acquireCount_ > 0) {
     // A lock already lost protects nothing more: it must be released first.
     if (holding_->lost()) {
@@ -398,7 +459,7 @@ bool koDirectoryExclusiveLock::acquireHeld(const Deadline& deadline, bool single
     ++acquireCount_;
     return true;
   }
-  QueueWalk walk(*this, deadline, singleAttempt);
+  QueueWalk walk(*this, deadline, singleAttempt, holderPatience);
   if (!walk.run()) return false;
   acquireCount_ = 1;
   holding_->hold(levelFile(0), walk.written(), walk.since());
@@ -406,11 +467,33 @@ bool koDirectoryExclusiveLock::acquireHeld(const Deadline& deadline, bool single
     refreshLoop_->start(lock);
     refreshRunning_ = true;
   }
+  sweepUpperLevels();
   return true;
 }
 
-bool koDirectoryExclusiveLock::releaseHeld(const Deadline& deadline, ScopedLock& lock) {
-  if (acquireCount_ == 0) {
+void koDirectoryExclusiveLock::Impl::sweepUpperLevels() {
+  koStaleLockRemover judge;
+  const double now = hostRealtime();
+  int gaps = 0;  // killed waiters leave runs of places, with few gaps
+  for (int level = 1; level <= kSweptLevels && gaps < kSweptGaps; ++level) {
+    const std::string file = levelFile(level);
+    FileState seen;
+    const Look look = lookAtName(file, &seen);
+    gaps = look == Look::kMissing ? gaps + 1 : 0;
+    // A waiter rewrites its place every poll: only a file that looks old
+    // by this host's clock is worth judging.
+    if (look != Look::kFile ||
+        now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kObservationSeconds) {
+      continue;
+    }
+    if (judge.judge(file, &seen) == koStaleLockRemover::Verdict::kStale) {
+      judge.removeStaleFile(Judgement(file, seen), [this] { return holding_->mayWrite(); });
+    }
+  }
+}
+
+bool koDirectoryExclusiveLock::Impl::releaseHeld(const Deadline& deadline, ScopedLock& lock) {
+  if (creator_ != hostProcessId() || acquireCount_ == 0) {
     errno = EPERM;
     return false;
   }
@@ -419,47 +502,85 @@ bool koDirectoryExclusiveLock::releaseHeld(const Deadline& deadline, ScopedLock&
     return true;
   }
   acquireCount_ = 0;
-  if (holding_->heldElsewhere()) {  // a forked child: all of it is the parent's
-    errno = EPERM;
-    return false;
-  }
+  // The file goes first: the next holder need not wait for the refresh
+  // thread to stop. The refresh cannot run meanwhile (processMutex_).
+  const std::string file = levelFile(0);
+  const Released removed =
+      releaseHolding(*holding_, directory_, deadline.capped(kReleaseEffortSeconds));
+  const int error = errno;
   if (refreshRunning_) {
     refreshLoop_->stop(lock);
     refreshRunning_ = false;
   }
-  const std::string file = levelFile(0);
-  const Owned removed =
-      releaseHolding(*holding_, directory_, deadline.capped(kReleaseEffortSeconds));
-  if (removed == Owned::kYes) return true;
+  if (removed == Released::kRemoved) return true;
   if (directoryGone(directory_)) throwNoSuchDirectory(directory_);
-  if (removed == Owned::kLost) {
+  if (removed == Released::kLost) {
     errno = ENOLCK;
     return false;
   }
-  const int error = errno;
   warningLog << "FS_LOCK: cannot remove " << file << ": " << errorText(error) << std::endl;
   errno = error;
   return false;
 }
 
-bool koDirectoryExclusiveLock::tryAtOnce() {
+bool koDirectoryExclusiveLock::Impl::tryAtOnce() {
   ScopedLock lock(processMutex_, boost::try_to_lock);
-  if (!lock.owns_lock()) return false;
+  if (!lock.owns_lock() || !usable()) return false;
   if (acquireCount_ > 0) {
     if (holding_->lost()) return false;
     ++acquireCount_;
     return true;
   }
   const double start = hostMonotonic();
-  const int value = numbers_->next();
+  FileState made;
   try {
-    if (createLockFile(directory_, levelFile(0), 0777, value) != Create::kMade) return false;
+    if (createLockFile(directory_, levelFile(0), 0777, numbers_.next(), &made) != Create::kMade) {
+      return false;
+    }
   } catch (const koNoSuchDirectory&) {
     return false;  // whoever goes on finds the directory gone
   }
   acquireCount_ = 1;
-  holding_->hold(levelFile(0), value, start);
+  holding_->hold(levelFile(0), made, start);
   return true;
+}
+
+std::string koDirectoryExclusiveLock::Impl::levelFile(int level) const {
+  std::ostringstream name;
+  name << directory_ << korvel_protocol::kLevelPrefix << level;
+  return name.str();
+}
+
+// ---- The public face ----
+
+koDirectoryExclusiveLock::koDirectoryExclusiveLock(std::string directory, const char* name)
+    : impl_(new Impl(std::move(directory), name)) {}
+
+koDirectoryExclusiveLock::~koDirectoryExclusiveLock() = default;
+
+bool koDirectoryExclusiveLock::acquire(unsigned long timeout, const TimeUnit& unit,
+                                       bool noRefreshLoop) & {
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>([&] {
+    return impl_->acquireUntil(Deadline::after(timeout, unit), timeout == 0, noRefreshLoop);
+  });
+}
+
+bool koDirectoryExclusiveLock::release(unsigned long timeout, const TimeUnit& unit) & {
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
+      [&] { return impl_->releaseUntil(Deadline::after(timeout, unit)); });
+}
+
+bool koDirectoryExclusiveLock::release() & {
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
+      [&] { return impl_->releaseUntil(Deadline::afterSeconds(kReleaseEffortSeconds)); });
+}
+
+bool koDirectoryExclusiveLock::lost() const {
+  return impl_->holding().lost();
+}
+
+void koDirectoryExclusiveLock::setLostHandler(std::unique_ptr<korvel_detail::LostHandler> handler) {
+  impl_->holding().setHandler(std::move(handler));
 }
 
 // The standard interfaces: the threads' lock first; on a false result or an
@@ -467,8 +588,9 @@ bool koDirectoryExclusiveLock::tryAtOnce() {
 
 bool koDirectoryExclusiveLock::tryLockFor(unsigned long ms) {
   return standardTryLock(
-      ScopedLock(threads_, boost::defer_lock), ms,
+      ScopedLock(impl_->threads(), boost::defer_lock), ms,
       [this](unsigned long left) { return acquire(left, TimeUnit::sMilliseconds(), false); },
+      impl_->directory(),
       ms == koForever ? "koDirectoryExclusiveLock::lock" : "koDirectoryExclusiveLock::try_lock");
 }
 
@@ -482,12 +604,6 @@ bool koDirectoryExclusiveLock::try_lock() {
 }
 
 void koDirectoryExclusiveLock::unlock() {
-  releaseQuietly([this] { release(koForever, TimeUnit::sSeconds()); });
-  threads_.unlock();
-}
-
-std::string koDirectoryExclusiveLock::levelFile(int level) const {
-  std::ostringstream name;
-  name << directory_ << korvel_protocol::kLevelPrefix << level;
-  return name.str();
+  releaseQuietly([this] { return release(koForever, TimeUnit::sSeconds()); });
+  impl_->threads().unlock();
 }

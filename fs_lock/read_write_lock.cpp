@@ -1,11 +1,9 @@
-// The directory read-write lock (see the notes at the top of fs_lock.cpp).
-//
-// In-process: one Impl per front object, shared with every handle. Its
-// mutex guards the Impl and the handles' counts and is always taken before
-// the directory lock. The refresh loop runs under a mutex of its own and
-// never needs the Impl's, so a thread waiting for the lock cannot starve
-// the refresh of locks this process already holds.
+// The directory read-write lock (see read_write_lock.h, and the notes at the
+// top of fs_lock.cpp).
+#include "fs_lock/read_write_lock.h"
+
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,10 +11,9 @@
 #include <new>
 #include <sstream>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/watch.h"
 #include "host/exception_list.h"
 #include "host/host.h"
-#include "korvel/fs_lock.h"
 
 using korvel_protocol::kPollMs;
 using korvel_protocol::kRefreshPeriodMs;
@@ -24,15 +21,12 @@ using Zentha::System::TimeUnit;
 
 namespace {
 
-typedef koDirectoryReadWriteLock::ScopedLock ScopedLock;
+typedef koDirectoryReadWriteLock::Impl::ScopedLock ScopedLock;
+typedef koDirectoryReadWriteLock::AbstractLock::Impl Handle;
 
-// How long a release keeps trying to remove a file that resists.
-constexpr double kReleaseEffortSeconds = 2.0;
 // How long a refresh waits for the directory lock before it rewrites its
 // files without it. Others hold the directory lock for milliseconds.
 constexpr double kRefreshDirLockSeconds = 1.0;
-// The longest pause between retries of a create that failed for now.
-constexpr unsigned kMaxBackOffMs = 1000;
 // Tries at a read-lock name before waiting a poll: names are random, so a
 // taken one is rare.
 constexpr int kNameTries = 16;
@@ -58,69 +52,66 @@ bool listNames(const std::string& directory, const char* prefix, std::vector<std
   return true;
 }
 
-// Whether path exists: 1, 0, or -1 when that cannot be told (errno says
-// why). Only a file known to be absent lets a reader in.
-int exists(const std::string& path) {
-  struct stat st;
-  if (hostStat(path.c_str(), &st) == 0) return 1;
-  return errno == ENOENT ? 0 : -1;
+// Whether something is at path: 1, 0, or -1 when that cannot be told
+// (errno says why). Only a name known to be free lets a reader in.
+int lockFilePresent(const std::string& path) {
+  FileState seen;
+  switch (lookAtName(path, &seen)) {
+    case Look::kFile:
+    case Look::kForeign:  // named by the stale test; it blocks like a holder
+      return 1;
+    case Look::kMissing:
+      return 0;
+    case Look::kError:
+      break;
+  }
+  return -1;
 }
+
+// A single attempt waits for the directory lock while others take it for
+// moments, but not for a holder that stays: a program holding the
+// directory's exclusive lock.
+constexpr double kSingleAttemptHolderPatience = 0.02;
 
 }  // namespace
 
+// ---- The directory lock ----
+
 namespace korvel_detail {
 
-// Holds a read-write lock's directory lock for a scope: milliseconds, so
-// never with a refresh loop of its own. The lock is re-entrant within the
-// object, so the refresh loop and a release may take it while another
-// thread of this process holds it: their work on files this process
-// already owns cannot conflict with that thread's.
-class DirectoryLockGuard {
- public:
-  enum AtOnce { kAtOnce };
+DirectoryLockGuard::DirectoryLockGuard(koDirectoryExclusiveLock& lock, const Deadline& deadline,
+                                       bool singleAttempt)
+    : lock_(*lock.impl_),
+      held_(singleAttempt
+                ? lock_.tryAtOnce() ||
+                      lock_.acquireUntil(Deadline::afterSeconds(kSingleAttemptDirLockSeconds),
+                                         false, true, kSingleAttemptHolderPatience)
+                : lock_.acquireUntil(deadline, false, true)) {
+  directoryLocksHeld += held_;
+}
 
-  // Waits for the directory lock until the deadline. For a single attempt,
-  // takes it at once when it is free (no poll first), else waits briefly.
-  DirectoryLockGuard(koDirectoryExclusiveLock& lock, const Deadline& deadline, bool singleAttempt)
-      : lock_(lock),
-        held_(singleAttempt
-                  ? lock.tryAtOnce() ||
-                        lock.acquireUntil(Deadline::afterSeconds(kSingleAttemptDirLockSeconds),
-                                          false, true)
-                  : lock.acquireUntil(deadline, false, true)) {
-    directoryLocksHeld += held_;
+DirectoryLockGuard::DirectoryLockGuard(koDirectoryExclusiveLock& lock, AtOnce)
+    : lock_(*lock.impl_), held_(lock_.tryAtOnce()) {
+  directoryLocksHeld += held_;
+}
+
+DirectoryLockGuard::~DirectoryLockGuard() {
+  if (!held_) return;
+  --directoryLocksHeld;
+  try {
+    lock_.releaseUntil(Deadline::forever());
+  } catch (const koNoSuchDirectory&) {
+    // The directory went while we held it; whoever goes on sees it.
   }
-  // Takes the directory lock only if it is free this moment.
-  DirectoryLockGuard(koDirectoryExclusiveLock& lock, AtOnce)
-      : lock_(lock), held_(lock.tryAtOnce()) {
-    directoryLocksHeld += held_;
-  }
-  DirectoryLockGuard(const DirectoryLockGuard&) = delete;
-  DirectoryLockGuard& operator=(const DirectoryLockGuard&) = delete;
+}
 
-  ~DirectoryLockGuard() {
-    if (!held_) return;
-    --directoryLocksHeld;
-    try {
-      lock_.releaseUntil(Deadline::forever());
-    } catch (const koNoSuchDirectory&) {
-      // The directory went while we held it; whoever goes on sees it.
-    }
-  }
-
-  bool held() const { return held_; }
-  // Still ours: not lost, and its lease allows a change made now. A look
-  // and a change made under a lock that was lost in between prove nothing.
-  bool stillHeld() const { return held_ && lock_.holding_->mayWrite(); }
-
- private:
-  koDirectoryExclusiveLock& lock_;
-  const bool held_;
-};
+bool DirectoryLockGuard::stillHeld() const {
+  return held_ && lock_.holding().confirm();
+}
 
 }  // namespace korvel_detail
 
-using korvel_detail::DirectoryLockGuard;
+// ---- The shared state and its refresh ----
 
 const double koDirectoryReadWriteLock::AbstractLock::STALE_TIMEOUT_SEC =
     korvel_protocol::kStaleSeconds;
@@ -142,14 +133,14 @@ class koDirectoryReadWriteLock::Impl::RefreshLoop {
     try {
       DirectoryLockGuard guard(owner_->dirLock, Deadline::afterSeconds(kRefreshDirLockSeconds),
                                false);
-      failed = refreshOnce(holdings, *owner_->numbers);
+      failed = refreshOnce(holdings, owner_->numbers);
     } catch (const koNoSuchDirectory&) {
       warningLog
           << "RefreshLoop thread: trying to touch lock file threw koNoSuchDirectory exception"
           << std::endl;
-      failed = refreshOnce(holdings, *owner_->numbers);  // finds the files gone: lost
+      failed = refreshOnce(holdings, owner_->numbers);  // finds the files gone: lost
     }
-    retryRefresh(std::move(failed), *owner_->numbers, context);
+    retryRefresh(std::move(failed), owner_->numbers, context);
   }
 
  private:
@@ -159,7 +150,6 @@ class koDirectoryReadWriteLock::Impl::RefreshLoop {
 koDirectoryReadWriteLock::Impl::Impl(const std::string& path)
     : dirLock(path, ""),
       directory(path),
-      numbers(new LockNumbers),
       refreshLoop(new RefreshLoop(this)),
       pool(koDirectoryLockThreadPool()),
       refreshThread(new LoopThread(refreshMutex, *refreshLoop, pool.get())),
@@ -225,13 +215,12 @@ Holdings koDirectoryReadWriteLock::Impl::refreshedFiles() const {
   return refreshed;
 }
 
-// ---- Handles ----
+// ---- A handle's state ----
 
-koDirectoryReadWriteLock::AbstractLock::Impl::Impl(
-    const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared, bool writes)
+Handle::Impl(const std::shared_ptr<koDirectoryReadWriteLock::Impl>& shared, bool writes)
     : dir(shared), write(writes), holding(std::make_shared<LockHolding>()) {}
 
-koDirectoryReadWriteLock::AbstractLock::Impl::~Impl() {
+Handle::~Impl() {
   try {
     holding->close();
     ScopedLock lock(dir->getMutex());
@@ -241,171 +230,127 @@ koDirectoryReadWriteLock::AbstractLock::Impl::~Impl() {
   }
 }
 
-bool koDirectoryReadWriteLock::AbstractLock::Impl::releaseFile(const Deadline& deadline) {
-  if (!hasFile) return true;
-  // In a forked child the file and the refresh thread are the parent's.
-  if (holding->heldElsewhere()) return false;
-  hasFile = false;
-  const std::string file = holding->file();
-  if (write) {
-    dir->writeLockOwned = false;
-  } else {
-    dir->readLocks.erase(file);
-  }
-  if (refreshed) {
-    refreshed = false;
-    dir->stopRefreshing(holding);
-  }
-  Owned removed;
-  {
-    // Removing our own file cannot let a conflicting holder in: try the
-    // directory lock once, as others expect, and go on without it.
-    DirectoryLockGuard guard(dir->dirLock, DirectoryLockGuard::kAtOnce);
-    removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds));
-  }
-  if (removed != Owned::kYes && directoryGone(dir->directory)) {
-    throwNoSuchDirectory(dir->directory);
-  }
-  if (removed == Owned::kLost) {
-    errno = ENOLCK;
+bool Handle::acquire(unsigned long n, const TimeUnit& unit, bool noRefresh) {
+  const Deadline deadline = Deadline::after(n, unit);
+  // One acquisition at a time per handle. Other handles, releases and the
+  // refresh go on meanwhile: the object's mutex is held only for looks.
+  ScopedLock acquiring(this->acquiring, boost::defer_lock);
+  if (!lockBy(acquiring, deadline)) {
+    errno = ETIMEDOUT;
     return false;
   }
-  if (removed == Owned::kError) {
-    const int error = errno;
-    // The call-site numbers are kept: scripts match these lines.
-    warningLog << "FS_LOCK: failed to remove " << file << "(" << (write ? 1570 : 1523) << ")"
-               << std::endl;
-    errno = error;
+  {
+    ScopedLock lock(dir->getMutex());
+    if (!dir->invariants()) return false;
+    if (count != 0) return acquireNested();
   }
+  if (!enterWhenFree(deadline, n == 0)) return false;
+  // Started once the directory lock is let go (see the lock order). A
+  // release on another thread may have come in between.
+  ScopedLock lock(dir->getMutex());
+  startRefresh(noRefresh);
   return true;
 }
 
-koDirectoryReadWriteLock::AbstractLock::AbstractLock(
-    const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared, bool writes)
-    : dir(shared), count(new int(0)), impl(new Impl(shared, writes)) {}
-
-koDirectoryReadWriteLock::AbstractLock::~AbstractLock() = default;
-
-bool koDirectoryReadWriteLock::AbstractLock::acquire(unsigned long n, const TimeUnit& unit,
-                                                     bool noRefresh) {
-  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>([&] {
-    const Deadline deadline = Deadline::after(n, unit);
-    const bool singleAttempt = n == 0;
-    // One acquisition at a time per handle. Other handles, releases and the
-    // refresh go on meanwhile: the object's mutex is held only for looks.
-    ScopedLock acquiring(impl->acquiring, boost::defer_lock);
-    if (!lockBy(acquiring, deadline)) {
-      errno = ETIMEDOUT;
-      return false;
-    }
-    {
-      ScopedLock lock(dir->getMutex());
-      if (!dir->invariants()) return false;
-      if (*count != 0) {
-        // A lock already lost protects nothing more: it must be released first.
-        if (impl->holding->lost()) {
-          errno = ENOLCK;
-          return false;
-        }
-        ++*count;
-        return true;
-      }
-    }
-
-    koStaleLockRemover remover;
-    remover.deadline = deadline;
-    unsigned backOff = kPollMs;
-    int transientError = 0;
-    for (bool entered = false; !entered;) {
-      {
-        DirectoryLockGuard guard(dir->dirLock, deadline, singleAttempt);
-        if (!guard.held()) return false;  // errno from the directory lock
-        ScopedLock lock(dir->getMutex());
-        remover.warned = &dir->staleWarned;
-        Entry entry = okToAcquire();
-        if (entry == Entry::kBlocked && removeStaleFiles(&remover)) entry = okToAcquire();
-        if (entry == Entry::kRefused) {
-          const int error = errno;
-          warningLog << "FS_LOCK: cannot look into " << dir->directory << ": " << errorText(error)
-                     << std::endl;
-          errno = error;
-          return false;
-        }
-        if (entry == Entry::kFree && guard.stillHeld()) {
-          // Made before the directory lock is let go: another process that
-          // looked in between would find the directory free.
-          switch (enter(guard)) {
-            case Create::kMade:
-              entered = true;
-              break;
-            case Create::kRefused:
-              return false;
-            case Create::kTransient:
-              transientError = errno;
-              backOff = std::min(2 * backOff, kMaxBackOffMs);
-              break;
-            case Create::kTaken:
-              break;
-          }
-        }
-      }
-      if (entered) break;
-      sleepWithin(backOff, deadline);
-      if (singleAttempt || deadline.passed()) {
-        errno = transientError != 0 ? transientError : ETIMEDOUT;
-        return false;
-      }
-    }
-    // Started once the directory lock is let go (see the lock order). A
-    // release on another thread may have come in between.
-    ScopedLock lock(dir->getMutex());
-    if (!noRefresh && impl->hasFile && !impl->refreshed) {
-      try {
-        dir->startRefreshing(impl->holding);
-      } catch (...) {
-        *count = 0;
-        impl->releaseFile(Deadline::forever());
-        throw;
-      }
-      impl->refreshed = true;
-    }
-    return true;
-  });
+bool Handle::acquireNested() {
+  // A lock already lost protects nothing more: it must be released first.
+  if (holding->lost()) {
+    errno = ENOLCK;
+    return false;
+  }
+  ++count;
+  return true;
 }
 
-Create koDirectoryReadWriteLock::AbstractLock::enter(const DirectoryLockGuard& guard) {
+bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
+  std::unique_ptr<DirectoryWatch> watch;  // made at the first wait
+  const std::string writeName = korvel_protocol::kWriteLockName + 1;
+  const std::string readPrefix = korvel_protocol::kReadLockPrefix + 1;
+  const DirectoryWatch::Wanted blocker = [&](const std::string& name) {
+    return name == writeName || (write && name.compare(0, readPrefix.size(), readPrefix) == 0);
+  };
+  koStaleLockRemover remover;
+  remover.deadline = deadline;
+  unsigned backOff = kPollMs;
+  int transientError = 0;
+  for (;;) {
+    {
+      DirectoryLockGuard guard(dir->dirLock, deadline, singleAttempt);
+      if (!guard.held()) return false;  // errno from the directory lock
+      ScopedLock lock(dir->getMutex());
+      remover.warned = &dir->staleWarned;
+      Entry entry = okToAcquire();
+      if (entry == Entry::kBlocked && removeStaleFiles(&remover, guard)) entry = okToAcquire();
+      if (entry == Entry::kRefused) {
+        const int error = errno;
+        warningLog << "FS_LOCK: cannot look into " << dir->directory << ": " << errorText(error)
+                   << std::endl;
+        errno = error;
+        return false;
+      }
+      // Made before the directory lock is let go: another process that
+      // looked in between would find the directory free.
+      const Create created =
+          entry == Entry::kFree && guard.stillHeld() ? enter(guard) : Create::kTaken;
+      if (created == Create::kMade) return true;
+      if (created == Create::kRefused) return false;
+      if (created == Create::kTransient) {
+        transientError = errno;
+        backOff = std::min(2 * backOff, kMaxBackOffMs);
+      }
+    }
+    if (singleAttempt || deadline.passed()) {
+      errno = transientError != 0 ? transientError : ETIMEDOUT;
+      return false;
+    }
+    if (!watch) watch.reset(new DirectoryWatch(dir->directory));
+    watch->sleep(backOff, deadline, blocker);
+  }
+}
+
+void Handle::startRefresh(bool noRefresh) {
+  if (noRefresh || !hasFile || refreshed) return;
+  try {
+    dir->startRefreshing(holding);
+  } catch (...) {
+    count = 0;
+    releaseFile(Deadline::forever());
+    throw;
+  }
+  refreshed = true;
+}
+
+Create Handle::enter(const DirectoryLockGuard& guard) {
   std::string made;
-  int written = 0;
+  FileState written;
   double since = 0.0;
   const Create created = createFile(&made, &written, &since);
   if (created != Create::kMade) return created;
   if (!guard.stillHeld()) {
     // The directory lock was lost while the file was made: others may have
     // looked meanwhile. Take it back and look again.
-    removeIfOurs(made, written);
+    Judgement(made, written).remove([] { return true; });
     return Create::kTaken;
   }
-  impl->hasFile = true;
-  impl->holding->hold(made, written, since);
-  if (impl->write) {
+  hasFile = true;
+  holding->hold(made, written, since);
+  if (write) {
     dir->writeLockOwned = true;
   } else {
     dir->readLocks.insert(made);
   }
-  *count = 1;
+  count = 1;
   return Create::kMade;
 }
 
-Create koDirectoryReadWriteLock::AbstractLock::createFile(std::string* made, int* written,
-                                                          double* since) {
+Create Handle::createFile(std::string* made, FileState* written, double* since) {
   for (int tries = 0; tries < kNameTries; ++tries) {
     const double start = hostMonotonic();
-    const int value = dir->numbers->next();
+    const int value = dir->numbers.next();
     const std::string name = lockFileName(value);
-    const Create result = createLockFile(dir->directory, name, impl->write ? 0666 : 0777, value);
+    const Create result = createLockFile(dir->directory, name, write ? 0666 : 0777, value, written);
     if (result == Create::kMade) {
       *made = name;
-      *written = value;
       *since = start;
       return result;
     }
@@ -417,91 +362,39 @@ Create koDirectoryReadWriteLock::AbstractLock::createFile(std::string* made, int
     }
     // A read-lock name another process uses: take the next number. A
     // write-lock file that appeared, or a failure for now: poll again.
-    if (result == Create::kTransient || impl->write) return result;
+    if (result == Create::kTransient || write) return result;
   }
   return Create::kTaken;
 }
 
-bool koDirectoryReadWriteLock::AbstractLock::removeStaleFiles(koStaleLockRemover* remover) {
+bool Handle::removeStaleFiles(koStaleLockRemover* remover, const DirectoryLockGuard& guard) {
   std::vector<std::string> names;
   if (!listNames(dir->directory, korvel_protocol::kNamePrefix, &names)) return false;
   const std::string writeName = korvel_protocol::kWriteLockName + 1;
   const std::string readPrefix = korvel_protocol::kReadLockPrefix + 1;
   for (const std::string& name : names) {
     if (name == writeName || name.compare(0, readPrefix.size(), readPrefix) == 0) {
-      remover->update((dir->directory + "/" + name).c_str());
+      remover->update(dir->directory + "/" + name);
     }
   }
-  const bool found = !remover->staleFiles.empty();
-  for (const std::string& stale : remover->staleFiles) remover->removeStaleFile(stale);
+  bool removed = false;
+  const Entitled entitled = [&guard] { return guard.stillHeld(); };
+  for (const Judgement& stale : remover->staleFiles) {
+    removed = remover->removeStaleFile(stale, entitled) == Act::kDone || removed;
+  }
   remover->staleFiles.clear();
-  return found;
+  return removed;
 }
 
-bool koDirectoryReadWriteLock::AbstractLock::release(unsigned long n, const TimeUnit& unit) {
-  return koOnlyLet<koNoSuchDirectory, std::bad_alloc>([&] {
-    const Deadline deadline = Deadline::after(n, unit);
-    ScopedLock lock(dir->getMutex(), boost::defer_lock);
-    if (!lockBy(lock, deadline)) {
-      errno = ETIMEDOUT;
-      return false;
-    }
-    if (!dir->invariants() || *count <= 0) {
-      errno = EPERM;
-      return false;
-    }
-    if (*count > 1) {
-      --*count;
-      return true;
-    }
-    *count = 0;
-    return impl->releaseFile(deadline);
-  });
-}
-
-bool koDirectoryReadWriteLock::AbstractLock::isAcquired() const {
-  ScopedLock lock(dir->getMutex());
-  return *count > 0;
-}
-
-bool koDirectoryReadWriteLock::AbstractLock::lost() const {
-  return impl->holding->lost();
-}
-
-void koDirectoryReadWriteLock::AbstractLock::onLost(std::function<void()> handler) {
-  impl->holding->setHandler(std::move(handler));
-}
-
-koDirectoryReadWriteLock::ReadLock::~ReadLock() = default;
-
-koDirectoryReadWriteLock::AbstractLock::Entry koDirectoryReadWriteLock::ReadLock::okToAcquire() {
-  if (dir->ownsWriteLock()) return Entry::kBlocked;
-  switch (exists(dir->writeLockName)) {
-    case 0:
-      return Entry::kFree;
-    case 1:
-      return Entry::kBlocked;
-    default:
-      return Entry::kRefused;
-  }
-}
-
-std::string koDirectoryReadWriteLock::ReadLock::lockFileName(int number) const {
-  std::ostringstream name;
-  name << dir->directory << korvel_protocol::kReadLockPrefix << number;
-  return name.str();
-}
-
-koDirectoryReadWriteLock::WriteLock::~WriteLock() = default;
-
-koDirectoryReadWriteLock::AbstractLock::Entry koDirectoryReadWriteLock::WriteLock::okToAcquire() {
-  if (dir->ownsReadLock() || dir->ownsWriteLock()) return Entry::kBlocked;
-  switch (exists(dir->writeLockName)) {
+Handle::Entry Handle::okToAcquire() {
+  if (dir->ownsWriteLock() || (write && dir->ownsReadLock())) return Entry::kBlocked;
+  switch (lockFilePresent(dir->writeLockName)) {
     case 1:
       return Entry::kBlocked;
     case -1:
       return Entry::kRefused;
   }
+  if (!write) return Entry::kFree;
   std::vector<std::string> readers;
   // A directory that cannot be listed might hide a reader.
   if (!listNames(dir->directory, korvel_protocol::kReadLockPrefix + 1, &readers)) {
@@ -510,53 +403,189 @@ koDirectoryReadWriteLock::AbstractLock::Entry koDirectoryReadWriteLock::WriteLoc
   return readers.empty() ? Entry::kFree : Entry::kBlocked;
 }
 
-std::string koDirectoryReadWriteLock::WriteLock::lockFileName(int) const {
-  return dir->writeLockName;
+std::string Handle::lockFileName(int number) const {
+  if (write) return dir->writeLockName;
+  std::ostringstream name;
+  name << dir->directory << korvel_protocol::kReadLockPrefix << number;
+  return name.str();
 }
 
+bool Handle::release(const Deadline& deadline) {
+  ScopedLock lock(dir->getMutex(), boost::defer_lock);
+  if (!lockBy(lock, deadline)) {
+    errno = ETIMEDOUT;
+    return false;
+  }
+  if (!dir->invariants() || count <= 0) {
+    errno = EPERM;
+    return false;
+  }
+  if (count > 1) {
+    --count;
+    return true;
+  }
+  count = 0;
+  return releaseFile(deadline);
+}
+
+bool Handle::releaseFile(const Deadline& deadline) {
+  if (!hasFile) return true;
+  // In a forked child the file and the refresh thread are the parent's.
+  if (holding->heldElsewhere()) return false;
+  hasFile = false;
+  const std::string file = holding->file();
+  if (write) {
+    dir->writeLockOwned = false;
+  } else {
+    dir->readLocks.erase(file);
+  }
+  Released removed;
+  {
+    // Removing our own file cannot let a conflicting holder in: try the
+    // directory lock once, as others expect, and go on without it.
+    DirectoryLockGuard guard(dir->dirLock, DirectoryLockGuard::kAtOnce);
+    removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds));
+  }
+  // The file went first: the next holder need not wait for the refresh
+  // thread to stop.
+  const int error = errno;
+  if (refreshed) {
+    refreshed = false;
+    dir->stopRefreshing(holding);
+  }
+  errno = error;
+  if (removed != Released::kRemoved && directoryGone(dir->directory)) {
+    throwNoSuchDirectory(dir->directory);
+  }
+  if (removed == Released::kLost) {
+    errno = ENOLCK;
+    return false;
+  }
+  if (removed == Released::kError) {
+    const int error = errno;
+    // The call-site numbers are kept: scripts match these lines.
+    warningLog << "FS_LOCK: failed to remove " << file << "(" << (write ? 1570 : 1523) << ")"
+               << std::endl;
+    errno = error;
+  }
+  return true;
+}
+
+void Handle::downgrade(const Deadline& deadline, bool singleAttempt, Impl& reader) {
+  ScopedLock acquiring(this->acquiring, boost::defer_lock);
+  if (!lockBy(acquiring, deadline)) {
+    errno = ETIMEDOUT;
+    return;
+  }
+  // Held or not, the files change hands below; other processes are kept
+  // out only when the directory lock could be had.
+  DirectoryLockGuard guard(dir->dirLock, deadline, singleAttempt);
+  ScopedLock lock(dir->getMutex());
+  if (!dir->invariants() || count <= 0 || !hasFile || !holding->mayWrite()) return;
+  std::string made;
+  FileState written;
+  double since = 0.0;
+  if (reader.createFile(&made, &written, &since) != Create::kMade) return;
+  reader.hasFile = true;
+  reader.holding->hold(made, written, since);
+  dir->readLocks.insert(made);
+  reader.count = count;
+  if (refreshed) {
+    dir->startRefreshing(reader.holding);  // the loop runs on: no start
+    reader.refreshed = true;
+  }
+  // The write-lock file goes only now: the directory is never unlocked.
+  count = 0;
+  releaseFile(deadline);
+}
+
+// ---- The handles ----
+
+koDirectoryReadWriteLock::AbstractLock::AbstractLock(std::shared_ptr<Impl> impl)
+    : impl_(std::move(impl)) {}
+
+koDirectoryReadWriteLock::AbstractLock::~AbstractLock() = default;
+
+bool koDirectoryReadWriteLock::AbstractLock::acquire(unsigned long n, const TimeUnit& unit,
+                                                     bool noRefresh) & {
+  return koOnlyLet<koNoSuchDirectory, koThread::StartError, std::bad_alloc>(
+      [&] { return impl_->acquire(n, unit, noRefresh); });
+}
+
+bool koDirectoryReadWriteLock::AbstractLock::release(unsigned long n, const TimeUnit& unit) & {
+  return koOnlyLet<koNoSuchDirectory, std::bad_alloc>(
+      [&] { return impl_->release(Deadline::after(n, unit)); });
+}
+
+bool koDirectoryReadWriteLock::AbstractLock::release() & {
+  return koOnlyLet<koNoSuchDirectory, std::bad_alloc>(
+      [&] { return impl_->release(Deadline::afterSeconds(kReleaseEffortSeconds)); });
+}
+
+bool koDirectoryReadWriteLock::AbstractLock::isAcquired() const {
+  ScopedLock lock(impl_->dir->getMutex());
+  return impl_->count > 0;
+}
+
+bool koDirectoryReadWriteLock::AbstractLock::lost() const {
+  return impl_->holding->lost();
+}
+
+void koDirectoryReadWriteLock::AbstractLock::setLostHandler(
+    std::unique_ptr<korvel_detail::LostHandler> handler) {
+  impl_->holding->setHandler(std::move(handler));
+}
+
+koDirectoryReadWriteLock::ReadLock::ReadLock(
+    const std::shared_ptr<koDirectoryReadWriteLock::Impl>& shared)
+    : AbstractLock(std::make_shared<Impl>(shared, false)) {}
+
+koDirectoryReadWriteLock::ReadLock::ReadLock(std::shared_ptr<AbstractLock::Impl> impl)
+    : AbstractLock(std::move(impl)) {}
+
+koDirectoryReadWriteLock::ReadLock::~ReadLock() = default;
+
+koDirectoryReadWriteLock::WriteLock::WriteLock(
+    const std::shared_ptr<koDirectoryReadWriteLock::Impl>& shared)
+    : AbstractLock(std::make_shared<Impl>(shared, true)) {}
+
+koDirectoryReadWriteLock::WriteLock::~WriteLock() = default;
+
 koDirectoryReadWriteLock::ReadLock koDirectoryReadWriteLock::WriteLock::downgrade(
-    unsigned long n, const TimeUnit& unit) {
+    unsigned long n, const TimeUnit& unit) & {
   return koOnlyLet<koThread::StartError, koNoSuchDirectory, std::bad_alloc>([&] {
-    const Deadline deadline = Deadline::after(n, unit);
     // Made before any lock is taken: its destructor takes the mutex.
-    ReadLock result(dir);
-    ScopedLock acquiring(impl->acquiring, boost::defer_lock);
-    if (!lockBy(acquiring, deadline)) {
-      errno = ETIMEDOUT;
-      return result;
-    }
-    // Held or not, the files change hands below; other processes are kept
-    // out only when the directory lock could be had.
-    DirectoryLockGuard guard(dir->dirLock, deadline, n == 0);
-    ScopedLock lock(dir->getMutex());
-    if (!dir->invariants() || *count <= 0 || !impl->hasFile || !impl->holding->mayWrite()) {
-      return result;
-    }
-    std::string made;
-    int written = 0;
-    double since = 0.0;
-    if (result.createFile(&made, &written, &since) != Create::kMade) return result;
-    result.impl->hasFile = true;
-    result.impl->holding->hold(made, written, since);
-    dir->readLocks.insert(made);
-    *result.count = *count;
-    if (impl->refreshed) {
-      dir->startRefreshing(result.impl->holding);  // the loop runs on: no start
-      result.impl->refreshed = true;
-    }
-    // The write-lock file goes only now: the directory is never unlocked.
-    *count = 0;
-    impl->releaseFile(deadline);
+    ReadLock result(std::make_shared<AbstractLock::Impl>(getImpl()->dir, false));
+    getImpl()->downgrade(Deadline::after(n, unit), n == 0, *result.getImpl());
     return result;
   });
 }
 
-// ---- The standard interfaces of the front object ----
+// ---- The front object ----
+
+koDirectoryReadWriteLock::koDirectoryReadWriteLock(const std::string& directory)
+    : impl_(std::make_shared<Impl>(directory)), standard_(std::make_shared<Standard>(impl_)) {}
+
+koDirectoryReadWriteLock::~koDirectoryReadWriteLock() = default;
+koDirectoryReadWriteLock::koDirectoryReadWriteLock(const koDirectoryReadWriteLock&) = default;
+koDirectoryReadWriteLock& koDirectoryReadWriteLock::operator=(const koDirectoryReadWriteLock&) =
+    default;
+
+koDirectoryReadWriteLock::ReadLock koDirectoryReadWriteLock::getReadLock() const {
+  return ReadLock(impl_);
+}
+
+koDirectoryReadWriteLock::WriteLock koDirectoryReadWriteLock::getWriteLock() const {
+  return WriteLock(impl_);
+}
 
 bool koDirectoryReadWriteLock::tryLockFor(unsigned long ms) {
   return standardTryLock(
-      boost::unique_lock<boost::shared_mutex>(*threads_, boost::defer_lock), ms,
-      [this](unsigned long left) { return writer_->acquire(left, TimeUnit::sMilliseconds()); },
+      boost::unique_lock<boost::shared_mutex>(standard_->threads, boost::defer_lock), ms,
+      [this](unsigned long left) {
+        return standard_->writer.acquire(left, TimeUnit::sMilliseconds());
+      },
+      impl_->getDirectory(),
       ms == koForever ? "koDirectoryReadWriteLock::lock" : "koDirectoryReadWriteLock::try_lock");
 }
 
@@ -570,14 +599,17 @@ bool koDirectoryReadWriteLock::try_lock() {
 }
 
 void koDirectoryReadWriteLock::unlock() {
-  releaseQuietly([this] { writer_->release(koForever, TimeUnit::sSeconds()); });
-  threads_->unlock();
+  releaseQuietly([this] { return standard_->writer.release(koForever, TimeUnit::sSeconds()); });
+  standard_->threads.unlock();
 }
 
 bool koDirectoryReadWriteLock::tryLockSharedFor(unsigned long ms) {
   return standardTryLock(
-      boost::shared_lock<boost::shared_mutex>(*threads_, boost::defer_lock), ms,
-      [this](unsigned long left) { return reader_->acquire(left, TimeUnit::sMilliseconds()); },
+      boost::shared_lock<boost::shared_mutex>(standard_->threads, boost::defer_lock), ms,
+      [this](unsigned long left) {
+        return standard_->reader.acquire(left, TimeUnit::sMilliseconds());
+      },
+      impl_->getDirectory(),
       ms == koForever ? "koDirectoryReadWriteLock::lock_shared"
                       : "koDirectoryReadWriteLock::try_lock_shared");
 }
@@ -592,6 +624,6 @@ bool koDirectoryReadWriteLock::try_lock_shared() {
 }
 
 void koDirectoryReadWriteLock::unlock_shared() {
-  releaseQuietly([this] { reader_->release(koForever, TimeUnit::sSeconds()); });
-  threads_->unlock_shared();
+  releaseQuietly([this] { return standard_->reader.release(koForever, TimeUnit::sSeconds()); });
+  standard_->threads.unlock_shared();
 }

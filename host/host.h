@@ -18,6 +18,7 @@
 #ifndef KORVEL_HOST_HOST_H_
 #define KORVEL_HOST_HOST_H_
 
+#include <fcntl.h>
 #include <semaphore.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -57,6 +58,13 @@ KORVEL_HOST_API unsigned hostRandom();
 // This process's id. The default asks the kernel once per process (and
 // again in a child made by fork()), not on every call.
 KORVEL_HOST_API pid_t hostProcessId();
+// The real user id of this process (getuid(2)).
+KORVEL_HOST_API uid_t hostUserId();
+// A directory on this host, shared by its processes and gone at reboot,
+// where the locks keep what this host has learnt about lock files (what it
+// has seen of them, and which of its own processes hold them). The default
+// is "/dev/shm"; null means there is none.
+KORVEL_HOST_API const char* hostLocalStateDirectory();
 
 // Releases a block returned by a host operation (hostGetDirList). Accepts
 // null.
@@ -118,12 +126,22 @@ KORVEL_HOST_API int host_create_thread(korvel_host_thread_t* handle, korvel_thre
 KORVEL_HOST_API int host_create_detached_thread(korvel_thread_entry entry, void* argument);
 // Waits for the thread and returns entry's result (null if it cannot wait).
 KORVEL_HOST_API void* host_join_thread(korvel_host_thread_t handle);
+// The processors this process may run on at once, at least 1: those of the
+// calling thread's affinity mask, fewer when a cgroup v2 CPU quota
+// (/sys/fs/cgroup/cpu.max, read through hostOpen and hostRead) allows less.
+// A quota of 1.5 processors counts as 1.
+KORVEL_HOST_API int hostUsableProcessors();
 
 // ---- Files ----
 
 // remove(3): unlinks a file or removes an empty directory. Returns 0, or -1
 // with errno set.
 KORVEL_HOST_API int hostRemoveFile(const char* path);
+// unlink(2): removes a name, never a directory. Returns 0, or -1 with errno
+// set. The locks remove their files with it.
+KORVEL_HOST_API int hostUnlink(const char* path);
+// rename(2). Returns 0, or -1 with errno set.
+KORVEL_HOST_API int hostRename(const char* from, const char* to);
 
 // open(2) followed by close(2): creates or opens the file with flags and
 // mode and closes it at once. Returns 0, or -1 with errno set.
@@ -149,6 +167,21 @@ KORVEL_HOST_API int hostStatvfs(const char* path, struct statvfs* st);
 KORVEL_HOST_API char* hostRealpath(const char* path, char* resolved);
 KORVEL_HOST_API int hostMkdir(const char* path, unsigned mode);
 KORVEL_HOST_API int hostChmod(const char* path, unsigned mode);
+
+// Watching directories for changes (inotify(7)), waiting for a descriptor
+// and open-file-description locks. The same conventions: -1 (or 0 from
+// hostPoll on a time-out) with errno set.
+// inotify_init1(2).
+KORVEL_HOST_API int hostInotifyInit(int flags);
+// inotify_add_watch(2) and inotify_rm_watch(2).
+KORVEL_HOST_API int hostInotifyAddWatch(int fd, const char* path, uint32_t mask);
+KORVEL_HOST_API int hostInotifyRmWatch(int fd, int watch);
+// Waits up to ms milliseconds (-1: without limit) until fd can be read:
+// 1, 0 on a time-out, -1 on failure.
+KORVEL_HOST_API int hostWaitReadable(int fd, int ms);
+// fcntl(2) with an open-file-description lock command (F_OFD_SETLK,
+// F_OFD_GETLK) and its struct flock.
+KORVEL_HOST_API int hostLockControl(int fd, int command, struct flock* lock);
 
 // ---- Shared libraries ----
 
@@ -213,6 +246,14 @@ KORVEL_HOST_API double hostDefaultRealSeconds(double seconds);
 KORVEL_HOST_API pid_t hostDefaultProcessId();
 KORVEL_HOST_API char* hostDefaultGetDirList(const char* pathPattern, int flags);
 KORVEL_HOST_API int hostDefaultRemoveFile(const char* path);
+KORVEL_HOST_API int hostDefaultUnlink(const char* path);
+KORVEL_HOST_API int hostDefaultRename(const char* from, const char* to);
+KORVEL_HOST_API const char* hostDefaultLocalStateDirectory();
+KORVEL_HOST_API int hostDefaultInotifyInit(int flags);
+KORVEL_HOST_API int hostDefaultInotifyAddWatch(int fd, const char* path, uint32_t mask);
+KORVEL_HOST_API int hostDefaultInotifyRmWatch(int fd, int watch);
+KORVEL_HOST_API int hostDefaultWaitReadable(int fd, int ms);
+KORVEL_HOST_API int hostDefaultLockControl(int fd, int command, struct flock* lock);
 KORVEL_HOST_API int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode);
 KORVEL_HOST_API int hostDefaultOpen(const char* path, int flags, unsigned mode);
 KORVEL_HOST_API int hostDefaultClose(int fd);

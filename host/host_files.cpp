@@ -1,6 +1,8 @@
 // Default file services: the system calls themselves.
 #include <fcntl.h>
+#include <poll.h>
 #include <stdlib.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -12,6 +14,39 @@ extern "C" {
 
 int hostDefaultRemoveFile(const char* path) {
   return remove(path);
+}
+
+int hostDefaultUnlink(const char* path) {
+  return unlink(path);
+}
+
+int hostDefaultRename(const char* from, const char* to) {
+  return rename(from, to);
+}
+
+const char* hostDefaultLocalStateDirectory() {
+  return "/dev/shm";
+}
+
+int hostDefaultInotifyInit(int flags) {
+  return inotify_init1(flags);
+}
+
+int hostDefaultInotifyAddWatch(int fd, const char* path, uint32_t mask) {
+  return inotify_add_watch(fd, path, mask);
+}
+
+int hostDefaultInotifyRmWatch(int fd, int watch) {
+  return inotify_rm_watch(fd, watch);
+}
+
+int hostDefaultWaitReadable(int fd, int ms) {
+  struct pollfd wanted = {fd, POLLIN, 0};
+  return poll(&wanted, 1, ms);
+}
+
+int hostDefaultLockControl(int fd, int command, struct flock* lock) {
+  return fcntl(fd, command, lock);  // NOLINT(cppcoreguidelines-pro-type-vararg)
 }
 
 int hostDefaultOpenAndClose(const char* path, int flags, unsigned mode) {
@@ -88,6 +123,14 @@ int hostDefaultChmod(const char* path, unsigned mode) {
 }  // extern "C"
 
 KORVEL_WEAK_DEFAULT(hostRemoveFile, hostDefaultRemoveFile);
+KORVEL_WEAK_DEFAULT(hostUnlink, hostDefaultUnlink);
+KORVEL_WEAK_DEFAULT(hostRename, hostDefaultRename);
+KORVEL_WEAK_DEFAULT(hostLocalStateDirectory, hostDefaultLocalStateDirectory);
+KORVEL_WEAK_DEFAULT(hostInotifyInit, hostDefaultInotifyInit);
+KORVEL_WEAK_DEFAULT(hostInotifyAddWatch, hostDefaultInotifyAddWatch);
+KORVEL_WEAK_DEFAULT(hostInotifyRmWatch, hostDefaultInotifyRmWatch);
+KORVEL_WEAK_DEFAULT(hostWaitReadable, hostDefaultWaitReadable);
+KORVEL_WEAK_DEFAULT(hostLockControl, hostDefaultLockControl);
 KORVEL_WEAK_DEFAULT(hostOpenAndClose, hostDefaultOpenAndClose);
 KORVEL_WEAK_DEFAULT(hostOpen, hostDefaultOpen);
 KORVEL_WEAK_DEFAULT(hostClose, hostDefaultClose);

@@ -1,5 +1,11 @@
 // Default thread services, on POSIX threads.
+#include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
 
 #include "host/host.h"
 
@@ -27,6 +33,24 @@ __attribute__((weak)) void* host_join_thread(korvel_host_thread_t handle) {
   void* result = nullptr;
   if (pthread_join(static_cast<pthread_t>(handle), &result) != 0) return nullptr;
   return result;
+}
+
+__attribute__((weak)) int hostUsableProcessors() {
+  cpu_set_t mask;
+  long usable = sched_getaffinity(0, sizeof mask, &mask) == 0 ? CPU_COUNT(&mask)
+                                                              : sysconf(_SC_NPROCESSORS_ONLN);
+  // "max PERIOD" when there is no quota, else "QUOTA PERIOD" in microseconds.
+  const int fd = hostOpen("/sys/fs/cgroup/cpu.max", O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0);
+  if (fd >= 0) {
+    char text[64] = {};
+    const ssize_t n = hostRead(fd, text, sizeof text - 1);
+    hostClose(fd);
+    long long quota = 0, period = 0;
+    if (n > 0 && sscanf(text, "%lld %lld", &quota, &period) == 2 && quota > 0 && period > 0) {
+      usable = std::min<long long>(usable, quota / period);
+    }
+  }
+  return static_cast<int>(std::max(usable, 1L));
 }
 
 }  // extern "C"

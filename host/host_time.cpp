@@ -72,6 +72,10 @@ pid_t hostDefaultProcessId() {
   return pid;
 }
 
+__attribute__((weak)) uid_t hostUserId() {
+  return getuid();
+}
+
 __attribute__((weak)) void hostFree(void* block) {
   std::free(block);
 }

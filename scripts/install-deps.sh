@@ -7,6 +7,8 @@
 #                              clang-tidy and the Debian packages' checks
 #   install-deps.sh multihost  the multi-host stage (namespaces, an SFTP
 #                              server, sshfs, a clock skewer)
+#   install-deps.sh glusterfs  the GlusterFS stage (namespaces, the servers
+#                              and the FUSE client, a clock skewer)
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libboost-thread-dev groff-base)
@@ -15,9 +17,8 @@ case "${1:-}" in
     packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
                dpkg-dev lintian)  # dpkg-dev and lintian: the Debian packages
     ;;
-  multihost)
-    packages=(iproute2 openssh-server sshfs libfaketime)
-    ;;
+  multihost) packages=(iproute2 openssh-server sshfs libfaketime) ;;
+  glusterfs) packages=(iproute2 glusterfs-server glusterfs-client libfaketime) ;;
 esac
 missing=()
 for p in "${packages[@]}"; do

@@ -4,8 +4,8 @@
 # sources, with its compile commands), AddressSanitizer+UndefinedBehavior-
 # Sanitizer and ThreadSanitizer. Each build has its own folder under build/.
 # After the normal build, the current lock code is run against the lock code
-# of an earlier release; last, the multi-host stage, where root, network
-# namespaces and FUSE allow it.
+# of an earlier release; last, the multi-host stage and the GlusterFS stage,
+# where root, network namespaces and FUSE allow them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh test
@@ -59,4 +59,6 @@ run asan -DKORVEL_SANITIZE=address -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMP
 run tsan -DKORVEL_SANITIZE=thread -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF
 stage multihost
 scripts/multihost.sh build/normal
-echo "all builds, the interop check and the multi-host stage passed in $((SECONDS - stage_start)) s"
+stage glusterfs
+scripts/glusterfs.sh build/normal
+echo "all builds, the interop check and the multi-host stages passed in $((SECONDS - stage_start)) s"

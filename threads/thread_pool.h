@@ -6,6 +6,7 @@
 #ifndef KORVEL_THREADS_THREAD_POOL_H_
 #define KORVEL_THREADS_THREAD_POOL_H_
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <map>
 #include <vector>
@@ -13,8 +14,10 @@
 #include "host/sync.h"
 #include "korvel/threads.h"
 
-// The pool itself, owned by a detached thread that waits for the factory to
-// go and then deletes the pool, so the destroying thread never waits.
+// The pool itself. Once a thread has been taken it is owned by a detached
+// thread, started then, that waits for the factory to go and then deletes
+// the pool, so the destroying thread never waits for a body. Before that
+// the factory deletes it: its threads are all idle and end at once.
 class koPooledThreadFactory::CleanupThread : public koThread {
  public:
   CleanupThread(unsigned long initialThreads, unsigned long maxIdleThreads);
@@ -25,8 +28,13 @@ class koPooledThreadFactory::CleanupThread : public koThread {
   // Waits for dispose, then deletes this object.
   void* run() override;
   void dispose();
+  // Starts the clean-up thread with the first thread taken. Throws
+  // InvalidStateError when it cannot be started, then and ever after.
   koThread* createThread(const boost::function0<void*>& body);
+  // REQUIRES: running().
   void recycle(koThread* thread);
+  // True once the clean-up thread runs: it then owns this object.
+  bool running();
 
   // Threads on the idle stack (for tests and diagnostics).
   size_t idleCount();
@@ -37,6 +45,8 @@ class koPooledThreadFactory::CleanupThread : public koThread {
   std::vector<boost::shared_ptr<koRecyclableThread>> idleThreads_;
   std::map<koThread*, boost::shared_ptr<koRecyclableThread>> activeThreads_;
   unsigned long maxIdleThreads_;
+  enum class Started { kNotYet, kYes, kFailed } started_ = Started::kNotYet;  // guarded by mutex_
+  std::atomic<bool> running_{false};  // started_ == kYes, read without the mutex
 };
 
 #endif  // KORVEL_THREADS_THREAD_POOL_H_

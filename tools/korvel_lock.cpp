@@ -920,7 +920,9 @@ int clean(const Options& o) {
       time_t at;
       korvel_tool::serverNow(o.directory, &at);
       for (const LockFile* file : locked) remove(*file, at);
-      directoryLock.release(koForever, TimeUnit::sSeconds());
+      if (!directoryLock.release(koForever, TimeUnit::sSeconds())) {
+        say(o, "the internal directory lock was lost while cleaning");
+      }
       if (w.signal != 0) return kSignalBase + w.signal;
     } catch (const koNoSuchDirectory&) {
       fail(kNoDirectory, "cannot clean '" + o.directory + "': the directory has gone");

@@ -5,50 +5,58 @@
 // (lost(), onLost()): when its file was taken over because it was not
 // refreshed for 15 s, or when its own lease of 14 s ran out first.
 //
-// Results: the operations return false for ordinary failure, with errno
-// saying why: ETIMEDOUT when the time-out ran out (or the error of the
-// creates that kept failing meanwhile, ENOSPC and the like), the error that
-// keeps the lock from being taken here at all (EACCES, EROFS, ENAMETOOLONG,
-// ...), ENOLCK for a lock already lost, EPERM for a release without a
-// matching acquire. They throw koNoSuchDirectory when the directory is
-// gone, and koThread::StartError when no refresh thread can be had. The
-// standard lock interfaces (lock, try_lock_for, ...) throw
-// std::system_error instead of returning false for anything but a
-// time-out; their unlock never throws.
+// Time-outs are a count with a unit; koForever, or a time-out too large to
+// fit, waits forever; 0 makes one attempt. Waits run on a monotonic clock.
+// The directory is made absolute against the working directory when the
+// object is made (links in it are not resolved).
+//
+// What a false result means, with errno:
+//   ETIMEDOUT     the time-out ran out while someone else held the lock (or
+//                 its stale file had not yet been watched for long enough).
+//   ENOSPC, EDQUOT, EIO, ESTALE, ENOTCONN, EAGAIN
+//                 the time-out ran out while the lock files could not be
+//                 made for now; the last such error is kept.
+//   EACCES, EPERM, EROFS, ENOTDIR, ELOOP
+//                 the lock cannot be had here at all: waiting will not help.
+//   ENAMETOOLONG  the directory's path leaves no room for the lock's files.
+//   EINVAL        the directory is the empty string.
+//   ENOLCK        the lock was lost: release it before acquiring it again.
+//   EPERM         (release) no matching acquire, or a lock a forked child
+//                 inherited from its parent.
+// The classic calls (acquire, release, downgrade) throw koNoSuchDirectory
+// when the directory is missing or not a directory, and
+// koThread::StartError when no refresh thread can be had. The standard
+// interfaces (lock, try_lock_for, ...) throw std::system_error instead of
+// returning false for anything but a time-out: ENOENT for a missing
+// directory, ENOTDIR for one that is not a directory, with the original
+// exception nested. Their unlock never throws.
 //
 // A loss handler must not keep a copy of the lock or handle it belongs to
 // (that copy would keep it alive, and held, for good): capture a reference
-// or a pointer. A child made by fork() must not use the lock objects or
-// thread pools it inherited; it never rewrites or removes its parent's
-// lock files, but may hang waiting for threads it does not have. Use the
-// locks after exec().
-//
-// Time-outs are a count with a unit; koForever, or a time-out too
-// large to fit, waits forever; 0 makes one attempt, which still breaks a
-// stale lock. Waits run on a monotonic clock; ages are judged by the file
-// server's clock.
+// or a pointer. A handler may release, acquire or destroy any lock,
+// including the one it was called for. A child made by fork() must not use
+// the lock objects it inherited: acquiring or releasing them fails (EPERM),
+// and it never rewrites or removes its parent's lock files.
 #ifndef KORVEL_FS_LOCK_H_
 #define KORVEL_FS_LOCK_H_
 
-#include <boost/noncopyable.hpp>
-#include <boost/shared_ptr.hpp>
-#include <boost/thread/locks.hpp>
-#include <boost/thread/mutex.hpp>
-#include <boost/thread/shared_mutex.hpp>
-#include <cerrno>
-#include <chrono>
-#include <exception>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <set>
-#include <string>
-#include <system_error>
-#include <vector>
-
 #include "korvel/export.h"
-#include "korvel/threads.h"
+#if KORVEL_HEADERS_USABLE
+
+#include <chrono>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
+
 #include "korvel/time_unit.h"
+
+namespace boost {
+template <class T>
+class shared_ptr;
+}  // namespace boost
+class koThreadFactory;
 
 // Thrown when a lock-file operation failed and the directory no longer
 // exists. The message is "Tried to obtain a lock on a non-existent
@@ -65,16 +73,39 @@ class KORVEL_EXPORT koNoSuchDirectory : public std::exception {
 
 // The process-wide pool the lock refresh loops run on:
 // koPooledThreadFactory(0, 16), made on first use, destroyed at unload.
+// Include korvel/threads.h to use it.
 KORVEL_EXPORT boost::shared_ptr<koThreadFactory> koDirectoryLockThreadPool();
 
-class koStaleLockRemover;
-
 namespace korvel_detail {
-class Deadline;
+
 class DirectoryLockGuard;
-class LockHolding;
-class LockNumbers;
-enum class Create;
+
+// A loss handler without <functional>: the lock owns it and calls it on a
+// thread of the library's. Defined here entirely, so that each side has its
+// own copy of the type.
+class LostHandler {
+ public:
+  LostHandler() = default;
+  LostHandler(const LostHandler&) = delete;
+  LostHandler& operator=(const LostHandler&) = delete;
+  virtual ~LostHandler() = default;
+  virtual void operator()() = 0;
+};
+
+template <class Handler>
+class LostHandlerOf final : public LostHandler {
+ public:
+  explicit LostHandlerOf(Handler handler) : handler_(std::move(handler)) {}
+  void operator()() override { handler_(); }
+
+ private:
+  Handler handler_;
+};
+
+template <class Handler>
+std::unique_ptr<LostHandler> lostHandler(Handler handler) {
+  return std::unique_ptr<LostHandler>(new LostHandlerOf<Handler>(std::move(handler)));
+}
 
 // The standard lock interfaces' time-outs, as the milliseconds the lock
 // calls take: rounded up, never negative.
@@ -84,95 +115,79 @@ unsigned long lockMillis(const std::chrono::duration<Rep, Period>& d) {
   const auto ms = std::chrono::ceil<std::chrono::milliseconds>(d).count();
   return static_cast<unsigned long>(ms);
 }
+
 }  // namespace korvel_detail
 
 // Mutual exclusion on a directory between processes and hosts. The holder
 // owns "<directory>/.deploy_lock.0"; waiters queue at levels 1, 2, ... and
 // move down one level at a time. A holder's file is rewritten every 5 s by a
-// background refresh loop; a file more than 15 s behind the file server's
-// clock belongs to a dead holder and is taken over.
+// background refresh loop; a waiter takes over the file of a holder that
+// stopped refreshing once it has seen it unchanged for 15 s.
 //
-// Re-entrant within the object: acquisitions are counted. Only
-// koNoSuchDirectory, koThread::StartError and std::bad_alloc leave the
-// operations. Meets the standard's TimedLockable (std::unique_lock,
-// std::scoped_lock): lock, try_lock, try_lock_for, try_lock_until, unlock,
-// always with refresh.
-class KORVEL_EXPORT koDirectoryExclusiveLock : private boost::noncopyable {
+// Re-entrant within the object: acquisitions are counted. Meets the
+// standard's TimedLockable (std::unique_lock, std::scoped_lock): lock,
+// try_lock, try_lock_for, try_lock_until, unlock, always with refresh.
+class KORVEL_EXPORT koDirectoryExclusiveLock {
  public:
   static const double STALE_TIMEOUT_SEC;
+  class Impl;
 
   // Touches no file. name prefixes the verbose messages (may be empty).
   koDirectoryExclusiveLock(std::string directory, const char* name);
   // Releases every counted acquisition and stops the refresh loop; no loss
   // handler runs once it has returned.
   ~koDirectoryExclusiveLock();
+  koDirectoryExclusiveLock(const koDirectoryExclusiveLock&) = delete;
+  koDirectoryExclusiveLock& operator=(const koDirectoryExclusiveLock&) = delete;
 
   // Takes the lock; true when held. With noRefreshLoop the lock file is not
   // refreshed: the caller must release within 14 s (the lease), or the
-  // lock is lost. A nested acquisition of a lock that was lost fails
-  // (ENOLCK). False: errno says why.
-  bool acquire(unsigned long timeout, const Zentha::System::TimeUnit& unit, bool noRefreshLoop);
-  // Undoes one acquisition. False without a matching acquire (EPERM), when
-  // the mutex could not be had in time (ETIMEDOUT), when the lock had been
-  // lost (ENOLCK; its file is left alone), or when the lock file could not
-  // be removed (the object is then no longer held and the file goes stale).
-  bool release(unsigned long timeout, const Zentha::System::TimeUnit& unit);
+  // lock is lost. A nested acquisition of a lock that was lost fails.
+  [[nodiscard]] bool acquire(unsigned long timeout, const Zentha::System::TimeUnit& unit,
+                             bool noRefreshLoop) &;
+  bool acquire(unsigned long, const Zentha::System::TimeUnit&, bool) && = delete;
+  // Undoes one acquisition, trying for up to the time-out to remove the
+  // lock file; without arguments, for about 2 s. False without a matching
+  // acquire, when the lock had been lost (its file is left alone), or when
+  // the file could not be removed (the object is then no longer held and
+  // the file goes stale).
+  [[nodiscard]] bool release(unsigned long timeout, const Zentha::System::TimeUnit& unit) &;
+  bool release(unsigned long, const Zentha::System::TimeUnit&) && = delete;
+  [[nodiscard]] bool release() &;
+  bool release() && = delete;
 
   // True from the moment a loss is seen until the next acquisition from a
   // count of zero.
-  bool lost() const;
-  // handler runs once per loss, on a thread of the library's (never with a
-  // lock's mutex held, so it may call release). Replaces an earlier one.
-  void onLost(std::function<void()> handler);
+  [[nodiscard]] bool lost() const;
+  // handler() runs once per loss, on a thread of the library's (never with
+  // a lock's mutex held). Replaces an earlier handler; nullptr removes it.
+  template <class Handler>
+  void onLost(Handler handler) {
+    setLostHandler(korvel_detail::lostHandler(std::move(handler)));
+  }
+  void onLost(std::nullptr_t) { setLostHandler(nullptr); }
 
   // The standard interfaces also keep this process's threads apart, as a
   // std::timed_mutex does; acquire and release count per object instead.
   void lock();
-  bool try_lock();
+  [[nodiscard]] bool try_lock();
   template <class Rep, class Period>
-  bool try_lock_for(const std::chrono::duration<Rep, Period>& d) {
+  [[nodiscard]] bool try_lock_for(const std::chrono::duration<Rep, Period>& d) {
     return tryLockFor(korvel_detail::lockMillis(d));
   }
   template <class Clock, class Duration>
-  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& t) {
+  [[nodiscard]] bool try_lock_until(const std::chrono::time_point<Clock, Duration>& t) {
     return try_lock_for(t - Clock::now());
   }
   void unlock();
 
  private:
-  class RefreshLoop;
-  class QueueWalk;
-  typedef koSynchronizedLoopThread<boost::timed_mutex> LoopThread;
-  friend class RefreshLoop;
-  friend class QueueWalk;
   friend class korvel_detail::DirectoryLockGuard;  // the read-write lock's directory lock
 
-  // REQUIRES (both): processMutex_ is held.
-  bool acquireHeld(const korvel_detail::Deadline& deadline, bool singleAttempt, bool noRefreshLoop,
-                   boost::timed_mutex::scoped_lock& lock);
-  bool releaseHeld(const korvel_detail::Deadline& deadline, boost::timed_mutex::scoped_lock& lock);
-  bool acquireUntil(const korvel_detail::Deadline& deadline, bool singleAttempt,
-                    bool noRefreshLoop);
-  bool releaseUntil(const korvel_detail::Deadline& deadline);
-  // Takes level 0 if it is free, at once: no queue, no stale test.
-  bool tryAtOnce();
-  std::string levelFile(int level) const;
-  // The standard timed calls: the threads' lock, then the lock.
+  void setLostHandler(std::unique_ptr<korvel_detail::LostHandler> handler);
   bool tryLockFor(unsigned long ms);
 
-  // Guards the object and runs its refresh loop. Lock order: processMutex_,
-  // then the holding's; see fs_lock.cpp.
-  boost::timed_mutex processMutex_;
-  std::string directory_;
-  std::string name_;
-  int acquireCount_ = 0;                                 // guarded by processMutex_
-  std::unique_ptr<korvel_detail::LockNumbers> numbers_;  // thread-safe
-  std::shared_ptr<korvel_detail::LockHolding> holding_;  // level 0 while held
-  std::unique_ptr<RefreshLoop> refreshFunctor_;
-  boost::shared_ptr<koThreadFactory> pool_;  // keeps the refresh loop's factory alive
-  std::unique_ptr<LoopThread> refreshLoop_;
-  bool refreshRunning_ = false;  // guarded by processMutex_
-  boost::timed_mutex threads_;   // the standard interfaces' own, taken first
+  std::unique_ptr<Impl> impl_;
 };
 
 // Many readers or one writer on a directory, between processes and hosts.
@@ -180,16 +195,20 @@ class KORVEL_EXPORT koDirectoryExclusiveLock : private boost::noncopyable {
 // for the writer and "<dir>/.deploy_read_lock.<n>" per read lock, each
 // holding a number that changes on every refresh. Every check and change of
 // those files is made under the directory's exclusive lock. Held files are
-// rewritten every 5 s; a file 15 s behind the file server's clock is stale
-// and is removed by whoever waits for the lock.
+// rewritten every 5 s; a waiter removes a file it has seen unchanged for
+// 15 s.
 //
 //   koDirectoryReadWriteLock rw("/shared/dir");
 //   koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
-//   if (reading.acquire(koForever, TimeUnit::sSeconds())) { ...; reading.release(...); }
+//   if (reading.acquire(koForever, TimeUnit::sSeconds())) {
+//     ...;
+//     if (!reading.release()) { /* lost meanwhile: the work was unprotected */ }
+//   }
 //
 // Handles are cheap to copy; copies share one acquisition count, and the
 // last copy of a held handle removes its lock file. Readers of a process
-// block that process's own writer.
+// block that process's own writer. Copies of the front object share its
+// state.
 //
 // The front object meets the standard's SharedTimedMutex (std::unique_lock,
 // std::shared_lock): lock and friends take its write lock, lock_shared and
@@ -200,188 +219,111 @@ class KORVEL_EXPORT koDirectoryReadWriteLock {
   class AbstractLock;
   class ReadLock;
   class WriteLock;
-  typedef boost::timed_mutex::scoped_lock ScopedLock;
 
   explicit koDirectoryReadWriteLock(const std::string& directory);
+  ~koDirectoryReadWriteLock();
+  koDirectoryReadWriteLock(const koDirectoryReadWriteLock&);
+  koDirectoryReadWriteLock& operator=(const koDirectoryReadWriteLock&);
 
-  ReadLock getReadLock() const;
-  WriteLock getWriteLock() const;
-  const boost::shared_ptr<Impl>& getImpl() const { return impl_; }
+  [[nodiscard]] ReadLock getReadLock() const;
+  [[nodiscard]] WriteLock getWriteLock() const;
+  const std::shared_ptr<Impl>& getImpl() const { return impl_; }
 
   // The standard interfaces also keep this process's threads apart, as a
   // std::shared_timed_mutex does; copies of the front object share that.
   void lock();
-  bool try_lock();
+  [[nodiscard]] bool try_lock();
   template <class Rep, class Period>
-  bool try_lock_for(const std::chrono::duration<Rep, Period>& d);
+  [[nodiscard]] bool try_lock_for(const std::chrono::duration<Rep, Period>& d) {
+    return tryLockFor(korvel_detail::lockMillis(d));
+  }
   template <class Clock, class Duration>
-  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& t) {
+  [[nodiscard]] bool try_lock_until(const std::chrono::time_point<Clock, Duration>& t) {
     return try_lock_for(t - Clock::now());
   }
   void unlock();
   void lock_shared();
-  bool try_lock_shared();
+  [[nodiscard]] bool try_lock_shared();
   template <class Rep, class Period>
-  bool try_lock_shared_for(const std::chrono::duration<Rep, Period>& d);
+  [[nodiscard]] bool try_lock_shared_for(const std::chrono::duration<Rep, Period>& d) {
+    return tryLockSharedFor(korvel_detail::lockMillis(d));
+  }
   template <class Clock, class Duration>
-  bool try_lock_shared_until(const std::chrono::time_point<Clock, Duration>& t) {
+  [[nodiscard]] bool try_lock_shared_until(const std::chrono::time_point<Clock, Duration>& t) {
     return try_lock_shared_for(t - Clock::now());
   }
   void unlock_shared();
 
  private:
-  // The standard timed calls: the threads' lock, then the handle.
+  struct Standard;  // the standard interfaces' handles and threads' lock
+
   bool tryLockFor(unsigned long ms);
   bool tryLockSharedFor(unsigned long ms);
 
-  boost::shared_ptr<Impl> impl_;
-  std::shared_ptr<WriteLock> writer_;  // the standard interfaces' handles
-  std::shared_ptr<ReadLock> reader_;
-  std::shared_ptr<boost::shared_mutex> threads_;  // taken before either
-};
-
-// The state of one directory's read-write lock in this process, shared by
-// the front object and every handle. The accessors require getMutex() to be
-// held.
-class KORVEL_EXPORT koDirectoryReadWriteLock::Impl : private boost::noncopyable {
- public:
-  explicit Impl(const std::string& path);
-  // Stops the refresh loop; removes no lock file.
-  ~Impl();
-
-  koDirectoryExclusiveLock& getDirLock() { return dirLock; }
-  bool ownsWriteLock() const { return writeLockOwned; }
-  bool ownsReadLock() const { return !readLocks.empty(); }
-  // Whether the refresh loop runs: while any held file asks for refresh.
-  bool refreshLoopRunning() const;
-  boost::timed_mutex& getMutex() const { return mutex; }
-  const char* getWriteLockName() const { return writeLockName.c_str(); }
-  const char* getReadLockPattern() const { return readLockPattern.c_str(); }
-  const std::string& getDirectory() const { return directory; }
-  bool invariants() const { return refreshThread != nullptr; }
-
- private:
-  friend class AbstractLock;
-  friend class ReadLock;
-  friend class WriteLock;
-  class RefreshLoop;
-  friend class RefreshLoop;
-  typedef koSynchronizedLoopThread<boost::timed_mutex> LoopThread;
-
-  // Adds a held file to, or takes it from, those the loop rewrites; the loop
-  // runs while there is one. REQUIRES: mutex held.
-  void startRefreshing(const std::shared_ptr<korvel_detail::LockHolding>& holding);
-  void stopRefreshing(const std::shared_ptr<korvel_detail::LockHolding>& holding);
-  std::vector<std::shared_ptr<korvel_detail::LockHolding>> refreshedFiles() const;
-
-  // Lock order: mutex, then dirLock's own, then refreshMutex, then
-  // refreshedMutex; the loop holds refreshMutex and waits for dirLock only
-  // for a bounded time.
-  koDirectoryExclusiveLock dirLock;
-  bool writeLockOwned = false;  // guarded by mutex
-  std::string directory;
-  std::unique_ptr<korvel_detail::LockNumbers> numbers;  // names and contents; thread-safe
-  std::unique_ptr<RefreshLoop> refreshLoop;
-  boost::shared_ptr<koThreadFactory> pool;  // keeps the loop's factory alive
-  boost::timed_mutex refreshMutex;          // the loop's own
-  std::unique_ptr<LoopThread> refreshThread;
-  mutable std::mutex refreshedMutex;
-  std::vector<std::shared_ptr<korvel_detail::LockHolding>> refreshed;  // guarded by refreshedMutex
-  mutable boost::timed_mutex mutex;
-  std::string writeLockName;
-  std::string readLockPattern;
-  std::set<std::string> readLocks;    // full names of the read-lock files held; guarded by mutex
-  std::set<std::string> staleWarned;  // stale files named once already; guarded by mutex
+  std::shared_ptr<Impl> impl_;
+  std::shared_ptr<Standard> standard_;
 };
 
 // A handle on the lock. Copies share the acquisition count and the file.
 class KORVEL_EXPORT koDirectoryReadWriteLock::AbstractLock {
  public:
   static const double STALE_TIMEOUT_SEC;
+  class Impl;  // what a handle's copies share
 
-  // What a handle's copies share: the file held through them. The last
-  // copy removes a file still held.
-  class KORVEL_EXPORT Impl : private boost::noncopyable {
-   public:
-    Impl(const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared, bool writes);
-    ~Impl();
-
-    boost::shared_ptr<koDirectoryReadWriteLock::Impl> dir;
-    const bool write;
-    boost::timed_mutex acquiring;  // one acquisition at a time; taken before dir's mutex
-    bool hasFile = false;          // guarded by dir's mutex
-    bool refreshed = false;        // guarded by dir's mutex
-    std::shared_ptr<korvel_detail::LockHolding> holding;
-
-    // Gives the held file up: removes it if it is still ours. False when it
-    // was lost. REQUIRES: dir's mutex held.
-    bool releaseFile(const korvel_detail::Deadline& deadline);
-  };
-
-  AbstractLock(const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared, bool writes);
+  AbstractLock(const AbstractLock&) = default;
+  AbstractLock& operator=(const AbstractLock&) = default;
   virtual ~AbstractLock();
 
   // Takes the lock (nested acquisitions count up); true when held. Blocked
-  // acquirers poll every 10 ms and remove stale lock files. noRefresh: no
-  // refresh for this lock, which must then be released within 14 s. A
-  // single attempt (n = 0) looks once, but may wait up to a second for the
-  // directory lock, which others hold for milliseconds. False: errno says
-  // why (a directory that cannot be listed keeps a writer out: EACCES and
-  // the like). Other handles may be released while this one waits.
-  bool acquire(unsigned long n, const Zentha::System::TimeUnit& unit, bool noRefresh = false);
-  // Undoes one acquisition; the last one removes the lock file. False when
-  // not held (EPERM), or when the lock had been lost (ENOLCK; its file is
-  // left alone); a file that cannot be removed is left to go stale, with
-  // one warning, and release still says true. Never waits for the
-  // directory lock: without it at once the own file is removed anyway.
-  bool release(unsigned long n, const Zentha::System::TimeUnit& unit);
-  bool isAcquired() const;
+  // acquirers poll every 10 ms and remove the files of dead holders.
+  // noRefresh: no refresh for this lock, which must then be released
+  // within 14 s. A single attempt (n = 0) looks once. Other handles may be
+  // released while this one waits.
+  [[nodiscard]] bool acquire(unsigned long n, const Zentha::System::TimeUnit& unit,
+                             bool noRefresh = false) &;
+  bool acquire(unsigned long, const Zentha::System::TimeUnit&, bool = false) && = delete;
+  // Undoes one acquisition; the last one removes the lock file, trying for
+  // up to the time-out (without arguments, about 2 s). False when not held,
+  // or when the lock had been lost (its file is left alone); a file that
+  // cannot be removed is left to go stale, with one warning, and release
+  // still says true. Never waits for the directory lock.
+  [[nodiscard]] bool release(unsigned long n, const Zentha::System::TimeUnit& unit) &;
+  bool release(unsigned long, const Zentha::System::TimeUnit&) && = delete;
+  [[nodiscard]] bool release() &;
+  bool release() && = delete;
+  [[nodiscard]] bool isAcquired() const;
   // As for koDirectoryExclusiveLock; shared by the handle's copies.
-  bool lost() const;
-  void onLost(std::function<void()> handler);
+  [[nodiscard]] bool lost() const;
+  template <class Handler>
+  void onLost(Handler handler) {
+    setLostHandler(korvel_detail::lostHandler(std::move(handler)));
+  }
+  void onLost(std::nullptr_t) { setLostHandler(nullptr); }
+
+  const std::shared_ptr<Impl>& getImpl() const { return impl_; }
 
  protected:
-  enum class Entry { kFree, kBlocked, kRefused };
-  // Whether this handle may enter now. kRefused: it cannot tell, errno says
-  // why. REQUIRES: dir's mutex and the directory lock held.
-  virtual Entry okToAcquire() = 0;
-  // The name of a new lock file for number.
-  virtual std::string lockFileName(int number) const = 0;
+  explicit AbstractLock(std::shared_ptr<Impl> impl);
 
-  // Makes a new lock file for this handle; kMade with its name, number and
-  // the time its write started. REQUIRES: dir's mutex and the directory
-  // lock held.
-  korvel_detail::Create createFile(std::string* made, int* written, double* since);
-  // Makes the lock file and records it as held (count 1), if the directory
-  // lock was still ours throughout. REQUIRES: as above.
-  korvel_detail::Create enter(const korvel_detail::DirectoryLockGuard& guard);
-  // Removes the lock files that have gone stale; true when there were any.
-  // REQUIRES: as above.
-  bool removeStaleFiles(koStaleLockRemover* remover);
+ private:
+  void setLostHandler(std::unique_ptr<korvel_detail::LostHandler> handler);
 
-  boost::shared_ptr<koDirectoryReadWriteLock::Impl> dir;
-  boost::shared_ptr<int> count;  // guarded by dir's mutex
-  boost::shared_ptr<Impl> impl;
+  std::shared_ptr<Impl> impl_;
 };
 
 class KORVEL_EXPORT koDirectoryReadWriteLock::ReadLock : public AbstractLock {
  public:
-  explicit ReadLock(const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared)
-      : AbstractLock(shared, false) {}
+  explicit ReadLock(const std::shared_ptr<koDirectoryReadWriteLock::Impl>& shared);
   ~ReadLock() override;
 
- protected:
-  Entry okToAcquire() override;
-  std::string lockFileName(int number) const override;
-
  private:
-  friend class WriteLock;  // downgrade makes the read lock's file
+  friend class WriteLock;  // a downgrade hands out a read lock of its making
+  explicit ReadLock(std::shared_ptr<AbstractLock::Impl> impl);
 };
 
 class KORVEL_EXPORT koDirectoryReadWriteLock::WriteLock : public AbstractLock {
  public:
-  explicit WriteLock(const boost::shared_ptr<koDirectoryReadWriteLock::Impl>& shared)
-      : AbstractLock(shared, true) {}
+  explicit WriteLock(const std::shared_ptr<koDirectoryReadWriteLock::Impl>& shared);
   ~WriteLock() override;
 
   // Turns the held write lock into a read lock held as many times, with no
@@ -390,35 +332,9 @@ class KORVEL_EXPORT koDirectoryReadWriteLock::WriteLock : public AbstractLock {
   // that is not held, or lost, or when no read-lock file can be made (errno
   // says why), returns an unheld read lock and changes nothing. The new
   // handle has no loss handler of its own.
-  ReadLock downgrade(unsigned long n, const Zentha::System::TimeUnit& unit);
-
- protected:
-  Entry okToAcquire() override;
-  std::string lockFileName(int number) const override;
+  [[nodiscard]] ReadLock downgrade(unsigned long n, const Zentha::System::TimeUnit& unit) &;
+  ReadLock downgrade(unsigned long, const Zentha::System::TimeUnit&) && = delete;
 };
 
-inline koDirectoryReadWriteLock::koDirectoryReadWriteLock(const std::string& directory)
-    : impl_(new Impl(directory)),
-      writer_(std::make_shared<WriteLock>(impl_)),
-      reader_(std::make_shared<ReadLock>(impl_)),
-      threads_(std::make_shared<boost::shared_mutex>()) {}
-
-inline koDirectoryReadWriteLock::ReadLock koDirectoryReadWriteLock::getReadLock() const {
-  return ReadLock(impl_);
-}
-
-inline koDirectoryReadWriteLock::WriteLock koDirectoryReadWriteLock::getWriteLock() const {
-  return WriteLock(impl_);
-}
-
-template <class Rep, class Period>
-bool koDirectoryReadWriteLock::try_lock_for(const std::chrono::duration<Rep, Period>& d) {
-  return tryLockFor(korvel_detail::lockMillis(d));
-}
-
-template <class Rep, class Period>
-bool koDirectoryReadWriteLock::try_lock_shared_for(const std::chrono::duration<Rep, Period>& d) {
-  return tryLockSharedFor(korvel_detail::lockMillis(d));
-}
-
+#endif  // KORVEL_HEADERS_USABLE
 #endif  // KORVEL_FS_LOCK_H_

@@ -2,13 +2,14 @@
 #ifndef KORVEL_IPC_H_
 #define KORVEL_IPC_H_
 
+#include "korvel/export.h"
+#if KORVEL_HEADERS_USABLE
+
 #include <semaphore.h>
 
 #include <boost/noncopyable.hpp>
 #include <cstdint>
 #include <string>
-
-#include "korvel/export.h"
 
 // A POSIX named semaphore with an initial count of 1: separate processes
 // exclude one another by agreeing on a name.
@@ -75,4 +76,5 @@ class KORVEL_EXPORT koSemaphoreIPC : private boost::noncopyable {
   int32_t initialValue_ = 1;
 };
 
+#endif  // KORVEL_HEADERS_USABLE
 #endif  // KORVEL_IPC_H_

@@ -31,14 +31,15 @@
 #ifndef KORVEL_PATHS_H_
 #define KORVEL_PATHS_H_
 
+#include "korvel/export.h"
+#if KORVEL_HEADERS_USABLE
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <memory>
 #include <string>
-
-#include "korvel/export.h"
 
 extern "C" {
 
@@ -273,4 +274,5 @@ class KORVEL_EXPORT koLoadedModuleListIterator {
   std::string current_;
 };
 
+#endif  // KORVEL_HEADERS_USABLE
 #endif  // KORVEL_PATHS_H_

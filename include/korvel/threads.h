@@ -15,6 +15,9 @@
 #ifndef KORVEL_THREADS_H_
 #define KORVEL_THREADS_H_
 
+#include "korvel/export.h"
+#if KORVEL_HEADERS_USABLE
+
 #include <boost/bind/bind.hpp>
 #include <boost/function.hpp>
 #include <boost/noncopyable.hpp>
@@ -24,7 +27,6 @@
 #include <exception>
 #include <memory>
 
-#include "korvel/export.h"
 #include "korvel/time_unit.h"
 
 // The default body of a thread: does nothing, returns null.
@@ -98,15 +100,17 @@ class KORVEL_EXPORT koBasicThreadFactory : public koThreadFactory {
 // Keeps finished threads alive on an idle stack and reuses them, most
 // recently used first. At most maxIdleThreads stay idle ((unsigned long)-1:
 // no limit); a surplus thread is destroyed as it is recycled. Destroying the
-// factory never blocks: a detached clean-up thread ends and joins every
-// pooled thread. Every thread taken must be recycled before that.
+// factory never waits for a body: a detached clean-up thread, started with
+// the first thread taken, ends and joins every pooled thread (a factory that
+// never handed one out ends its idle threads itself). Every thread taken
+// must be recycled before that.
 class KORVEL_EXPORT koPooledThreadFactory : public koThreadFactory {
  public:
   class CleanupThread;
 
-  // Makes initialThreads threads ahead. If the clean-up thread cannot be
-  // made or started the factory is unusable: createThread and recycle throw
-  // InvalidStateError.
+  // Makes initialThreads threads ahead. If they or the clean-up thread
+  // cannot be made or started the factory is unusable: createThread (from
+  // the first that tries) and recycle throw InvalidStateError.
   koPooledThreadFactory(unsigned long initialThreads, unsigned long maxIdleThreads);
   ~koPooledThreadFactory() override;
   koThread* createThread(const boost::function0<void*>& body) override;
@@ -394,4 +398,5 @@ class koSynchronizedLoopThread : private boost::noncopyable {
   LoopFunctionDriver* driver_ = nullptr;
 };
 
+#endif  // KORVEL_HEADERS_USABLE
 #endif  // KORVEL_THREADS_H_

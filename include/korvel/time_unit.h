@@ -5,6 +5,7 @@
 #define KORVEL_TIME_UNIT_H_
 
 #include "korvel/export.h"
+#if KORVEL_HEADERS_USABLE
 
 namespace Zentha {
 namespace System {
@@ -30,4 +31,5 @@ class KORVEL_EXPORT TimeUnit {
 // The time-out without a limit, in any unit: lock.acquire(koForever, ...).
 constexpr unsigned long koForever = static_cast<unsigned long>(-1);
 
+#endif  // KORVEL_HEADERS_USABLE
 #endif  // KORVEL_TIME_UNIT_H_

@@ -3,6 +3,7 @@
 #define KORVEL_VERSION_H_
 
 #include "korvel/export.h"
+#if KORVEL_HEADERS_USABLE
 
 extern "C" {
 // Dotted four-part version, e.g. "1.0.0.0".
@@ -11,4 +12,5 @@ KORVEL_EXPORT extern const char libkorvel_version[];
 KORVEL_EXPORT extern const char libkorvel_build_date[];
 }
 
+#endif  // KORVEL_HEADERS_USABLE
 #endif  // KORVEL_VERSION_H_

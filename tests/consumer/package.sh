@@ -14,16 +14,17 @@ mkdir -p "$work/root"
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/debs" >"$work/cpack.log" 2>&1
 
 version=$(sed -n 's/^set(CPACK_PACKAGE_VERSION "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
-for package in libkorvel1 libkorvel-dev korvel-lock; do
+soname=${version%%.*}  # the library package and its SONAME carry the major version
+for package in "libkorvel$soname" libkorvel-dev korvel-lock; do
   deb="$work/debs/${package}_${version}_amd64.deb"
   test "$(dpkg-deb -f "$deb" Package)" = "$package"
   dpkg-deb -x "$deb" "$work/root"
 done
 test "$(find "$work/debs" -maxdepth 1 -name '*.deb' | wc -l)" -eq 3
 prefix="$work/root/usr"
-objdump -p "$prefix/lib/libkorvel.so.1" | grep -q 'SONAME *libkorvel\.so\.1$'
-library=$(dpkg-deb -c "$work/debs/libkorvel1_${version}_amd64.deb")
-echo "$library" | grep -q 'libkorvel\.so\.1 ->'
+objdump -p "$prefix/lib/libkorvel.so.$soname" | grep -q "SONAME *libkorvel\\.so\\.$soname\$"
+library=$(dpkg-deb -c "$work/debs/libkorvel${soname}_${version}_amd64.deb")
+echo "$library" | grep -q "libkorvel\\.so\\.$soname ->"
 if echo "$library" | grep -q 'libkorvel\.so '; then
   echo "the unversioned link belongs in libkorvel-dev" >&2
   exit 1

@@ -10,13 +10,16 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/read_write_lock.h"
+#include "korvel/paths.h"
 #include "tests/fs_lock/lock_test_support.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
@@ -26,44 +29,33 @@ namespace {
 using korvel_test::entries;
 using korvel_test::Fault;
 using korvel_test::readFile;
+using korvel_test::secondsSince;
 using korvel_test::TempDirTest;
 using korvel_test::WarningCapture;
 using Zentha::System::TimeUnit;
+using Verdict = koStaleLockRemover::Verdict;
 
-// Waits until the clock is early in a second, so that a file written now
-// gets the same whole-second time as time() reports.
-time_t earlyInSecond() {
-  for (;;) {
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    if (now.tv_usec > 100000 && now.tv_usec < 500000) return now.tv_sec;
-    usleep(20000);
-  }
-}
+const Entitled kAlways = [] { return true; };
 
 class FsLockTest : public TempDirTest {
  protected:
   ~FsLockTest() override { korvel_test::clearHooks(); }
   std::string level(int n) const { return at(".deploy_lock." + std::to_string(n)); }
+  FileState stateOf(const std::string& path) const {
+    const OpenLockFile file(path, O_RDONLY);
+    return file.state();
+  }
 };
 
-TEST_F(FsLockTest, LockFilesKnowTheirOwner) {
-  const std::string f = at("n");
-  ASSERT_TRUE(writeIntToFile(f.c_str(), 12345));
-  ASSERT_TRUE(writeIntToFile(f.c_str(), -7));
-  EXPECT_EQ(readFile(f), "-7") << "truncated, no newline";
-  int value = 0;
-  for (const char* unreadable : {"", "text"}) {
-    korvel_test::writeFile(f, unreadable);
-    EXPECT_FALSE(readIntFromFile(f.c_str(), value)) << unreadable;
-  }
-
-  // Made with its number; taken when it exists, also when the file system
-  // answers EPERM; refused when nothing may be made there at all.
+TEST_F(FsLockTest, LockFilesAreActedOnOnlyAsTheyWereJudged) {
+  // Made with its number; taken when something has the name, also when the
+  // file system answers EPERM; refused when nothing may be made there.
   const std::string dir = dir_.path();
   const std::string lock = level(0);
-  EXPECT_EQ(createLockFile(dir, lock, 0600, 41), Create::kMade);
+  FileState made;
+  EXPECT_EQ(createLockFile(dir, lock, 0600, 41, &made), Create::kMade);
   EXPECT_EQ(readFile(lock), "41");
+  EXPECT_TRUE(made.sameAs(stateOf(lock)));
   EXPECT_EQ(createLockFile(dir, lock, 0600, 42), Create::kTaken);
   korvel_test::failUnder(Fault::kCreate, lock);
   EXPECT_EQ(createLockFile(dir, lock, 0600, 42), Create::kTaken);
@@ -75,25 +67,32 @@ TEST_F(FsLockTest, LockFilesKnowTheirOwner) {
   korvel_test::failUnder(Fault::kCreate, level(1), EPERM);
   EXPECT_EQ(createLockFile(dir, level(1), 0600, 42), Create::kTaken)
       << "a writable directory: the winner of a race has gone again";
-  EXPECT_EQ(entries(dir), (std::set<std::string>{".deploy_lock.0", "n"}));
+  korvel_test::clearHooks();
+  EXPECT_EQ(entries(dir), std::set<std::string>{".deploy_lock.0"});
 
-  // Rewritten and removed only while it holds our number.
-  EXPECT_EQ(rewriteIfOurs(lock, 41, 100000), Owned::kYes);
-  EXPECT_EQ(rewriteIfOurs(lock, 100000, 7), Owned::kYes);
+  // Rewritten and removed only while it is as judged, and only while the
+  // actor is entitled.
+  FileState written;
+  EXPECT_EQ(Judgement(lock, made).writeOver(100000, kAlways, &written), Act::kDone);
+  EXPECT_EQ(Judgement(lock, written).writeOver(7, kAlways, &written), Act::kDone);
   EXPECT_EQ(readFile(lock), "7") << "a shorter number leaves no tail";
-  EXPECT_EQ(rewriteIfOurs(lock, 41, 8), Owned::kLost);
-  EXPECT_EQ(removeIfOurs(lock, 41), Owned::kLost);
+  EXPECT_EQ(Judgement(lock, made).writeOver(8, kAlways, &made), Act::kChanged);
+  EXPECT_EQ(Judgement(lock, made).remove(kAlways), Act::kChanged);
+  EXPECT_EQ(Judgement(lock, written).remove([] { return false; }), Act::kNotEntitled);
+  // The same bytes with another time: rewritten behind the holder's back.
+  ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 100));
+  EXPECT_EQ(Judgement(lock, written).writeOver(9, kAlways, &made), Act::kChanged);
   EXPECT_EQ(readFile(lock), "7");
-  EXPECT_EQ(removeIfOurs(lock, 7), Owned::kYes);
-  EXPECT_EQ(rewriteIfOurs(lock, 7, 8), Owned::kLost);
+  EXPECT_EQ(Judgement(lock, stateOf(lock)).remove(kAlways), Act::kDone);
+  EXPECT_EQ(Judgement(lock, written).writeOver(8, kAlways, &made), Act::kChanged);
   EXPECT_FALSE(koFileOrDirExists(lock.c_str())) << "a lost file is never re-created";
 
   // Removal with patience: about 20 ms, but one attempt whatever the deadline.
   const auto before = std::chrono::steady_clock::now();
-  EXPECT_FALSE(removeFileWithTenacity(at("missing").c_str()));
-  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(19));
+  EXPECT_FALSE(unlinkWithTenacity(at("missing"), Deadline::afterSeconds(0.02)));
+  EXPECT_GE(secondsSince(before), 0.019);
   korvel_test::removeCalls = 0;
-  EXPECT_FALSE(removeFileWithTenacity(at("missing").c_str(), Deadline::afterSeconds(0)));
+  EXPECT_FALSE(unlinkWithTenacity(at("missing"), Deadline::afterSeconds(0)));
   EXPECT_EQ(korvel_test::removeCalls, 1);
 }
 
@@ -107,52 +106,71 @@ TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
   EXPECT_NEAR(soon.remaining(), 1.5, 0.2);
   EXPECT_NEAR(Deadline::after(2, TimeUnit::sSeconds()).remaining(), 2.0, 0.2);
   EXPECT_TRUE(Deadline::after(0, TimeUnit::sSeconds()).passed());
+  EXPECT_NEAR(Deadline::afterSeconds(5).capped(1).remaining(), 1.0, 0.2);
+  EXPECT_NEAR(Deadline::afterSeconds(1).capped(5).remaining(), 1.0, 0.2);
   EXPECT_EQ(koDirectoryLockThreadPool().get(), koDirectoryLockThreadPool().get());
 }
 
-TEST_F(FsLockTest, StaleMeansMoreThanFifteenSecondsOnTheServerClock) {
-  // The file server's clock is an hour behind this host's: only the two
-  // server times may be compared.
-  korvel_test::skewServerClock(dir_.path(), -3600);
+// A file is stale once this host has seen it unchanged for more than 15 s,
+// or when the server's clock says it is more than ten minutes old; never
+// by file times alone.
+TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
   const std::string lock = level(0);
   korvel_test::writeFile(lock, "1");
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    const time_t now = earlyInSecond();
-    koStaleLockRemover exactly;
-    ASSERT_TRUE(korvel_test::setMtime(lock, now - 15));
-    exactly.update(lock.c_str());
-    koStaleLockRemover older;
-    ASSERT_TRUE(korvel_test::setMtime(lock, now - 16));
-    older.update(lock.c_str());
-    if (time(nullptr) != now) continue;  // crossed a second: try again
-    EXPECT_TRUE(exactly.staleFiles.empty());
-    EXPECT_EQ(older.staleFiles, std::vector<std::string>{lock});
-    break;
+  ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
+  FileState seen;
+  {
+    koStaleLockRemover judge;
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive) << "five minutes old, but just seen";
+    korvel_test::advanceClock(14.9);
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
+    korvel_test::advanceClock(0.2);
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kStale);
+    korvel_test::writeFile(lock, "2");  // its holder refreshed: watched afresh
+    ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
   }
-  // Threads test side by side; each temporary file is their own.
+  // A later attempt on this host goes on from what the earlier one saw.
+  korvel_test::advanceClock(15.1);
+  {
+    koStaleLockRemover judge;
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kStale);
+  }
+  for (const time_t age : {590, 610}) {
+    korvel_test::writeFile(lock, std::to_string(age));
+    ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - age));
+    koStaleLockRemover judge;
+    EXPECT_EQ(judge.judge(lock, &seen), age > 600 ? Verdict::kStale : Verdict::kLive) << age;
+  }
+  // Threads judge side by side; each fresh file is their own.
   std::vector<std::thread> testers;
   for (int t = 0; t < 4; ++t) {
     testers.emplace_back([&] {
-      koStaleLockRemover remover;
-      for (int i = 0; i < 25; ++i) remover.update(lock.c_str());
-      EXPECT_EQ(remover.staleFiles.size(), 25u);
+      koStaleLockRemover judge;
+      FileState mine;
+      for (int i = 0; i < 25; ++i) EXPECT_EQ(judge.judge(lock, &mine), Verdict::kStale);
     });
   }
   for (std::thread& t : testers) t.join();
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"})
-      << "no temporary file is left";
+      << "no fresh file is left";
 
-  // A vanished file is no error; a stale one that resists is named once.
-  koStaleLockRemover remover;
-  remover.update(level(3).c_str());
-  EXPECT_TRUE(remover.staleFiles.empty());
+  // A vanished file is no error; a stale one that resists is named once,
+  // with its owner and what would fix it.
+  koStaleLockRemover judge;
+  EXPECT_EQ(judge.judge(level(3), &seen), Verdict::kMissing);
   WarningCapture warnings;
-  korvel_test::failUnder(Fault::kRemove, lock, EACCES);
-  for (int poll = 0; poll < 3; ++poll) remover.removeStaleFile(lock);
-  EXPECT_EQ(warnings.text(),
-            "FS_LOCK: cannot remove the stale lock file " + lock + ": " + errorText(EACCES) + "\n");
+  korvel_test::failUnder(Fault::kRemove, lock, EPERM);
+  const Judgement stale(lock, stateOf(lock));
+  for (int poll = 0; poll < 3; ++poll)
+    EXPECT_EQ(judge.removeStaleFile(stale, kAlways), Act::kError);
+  EXPECT_EQ(warnings.count("FS_LOCK: cannot remove the stale lock file " + lock + " of user " +
+                           std::to_string(getuid()) + ": " + errorText(EPERM) +
+                           "; its owner or root can remove it with korvel-lock --clean"),
+            1)
+      << warnings.text();
   korvel_test::failUnder(Fault::kRemove, "");
-  remover.removeStaleFile(lock);
+  EXPECT_EQ(judge.removeStaleFile(stale, kAlways), Act::kDone);
   EXPECT_TRUE(entries(dir_.path()).empty());
 }
 
@@ -163,7 +181,7 @@ TEST_F(FsLockTest, ReentrantAcquireAndRelease) {
     ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), false));
     EXPECT_TRUE(koFileExists(level(0).c_str()));
     ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
-    EXPECT_TRUE(lock.release(koForever, TimeUnit::sSeconds()));
+    EXPECT_TRUE(lock.release());
     EXPECT_TRUE(koFileExists(level(0).c_str())) << "still held once";
     EXPECT_TRUE(lock.release(1, TimeUnit::sSeconds()));
     EXPECT_TRUE(entries(dir_.path()).empty());
@@ -183,21 +201,40 @@ TEST_F(FsLockTest, BusyLockTimesOutAndLeavesNoQueueFile) {
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"});
   const auto before = std::chrono::steady_clock::now();
   EXPECT_FALSE(other.acquire(300, TimeUnit::sMilliseconds(), true));
-  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(250));
+  EXPECT_GE(secondsSince(before), 0.25);
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"});
 }
 
-TEST_F(FsLockTest, StaleHolderIsTakenOverEvenByASingleAttempt) {
-  // A dead holder: its level-0 file was last refreshed 20 s ago.
-  korvel_test::writeFile(level(0), "4242");
-  ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - 20));
-  koDirectoryExclusiveLock lock(dir_.path(), "waiter");
-  ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), false));
-  EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"})
-      << "the queue file is cleaned up";
-  EXPECT_NE(readFile(level(0)), "4242") << "level 0 holds the new holder's number";
-  EXPECT_TRUE(lock.release(koForever, TimeUnit::sSeconds()));
-  EXPECT_TRUE(entries(dir_.path()).empty());
+// A dead holder's file is taken over by a single attempt only when it is
+// long dead, or when this host already watched it long enough (a cron job's
+// next -n run); queue places that killed waiters left are swept.
+TEST_F(FsLockTest, DeadHoldersAreTakenOverOnceWatchedLongEnough) {
+  for (const time_t age : {30, 700}) {
+    SCOPED_TRACE(age);
+    korvel_test::clearHooks();
+    korvel_test::writeFile(level(0), "4242");
+    ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - age));
+    koDirectoryExclusiveLock lock(dir_.path(), "waiter");
+    if (age < 600) {
+      EXPECT_FALSE(lock.acquire(0, TimeUnit::sSeconds(), false));
+      korvel_test::advanceClock(16);
+    }
+    ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), false));
+    EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"})
+        << "the queue file is cleaned up";
+    EXPECT_NE(readFile(level(0)), "4242") << "level 0 holds the new holder's number";
+    EXPECT_TRUE(lock.release(koForever, TimeUnit::sSeconds()));
+    EXPECT_TRUE(entries(dir_.path()).empty());
+  }
+  for (int n : {2, 3, 5}) {
+    korvel_test::writeFile(level(n), "7");
+    ASSERT_TRUE(korvel_test::setMtime(level(n), time(nullptr) - (n == 5 ? 1 : 700)));
+  }
+  koDirectoryExclusiveLock lock(dir_.path(), "sweeper");
+  ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), true));
+  EXPECT_EQ(entries(dir_.path()), (std::set<std::string>{".deploy_lock.0", ".deploy_lock.5"}))
+      << "the long dead places go; a fresh one stays";
+  EXPECT_TRUE(lock.release());
 }
 
 TEST_F(FsLockTest, NothingHangsSilently) {
@@ -208,7 +245,8 @@ TEST_F(FsLockTest, NothingHangsSilently) {
     koDirectoryExclusiveLock lock(dir_.path(), "t");
     EXPECT_FALSE(lock.acquire(300, TimeUnit::sMilliseconds(), false));
     EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(warnings.count("for now: " + errorText(ENOSPC)), 1) << warnings.text();
+    EXPECT_EQ(warnings.count("for now: " + errorText(ENOSPC) + "; still trying"), 1)
+        << warnings.text();
   }
   {
     // Nothing can be made in the directory: even a wait without end ends.
@@ -250,8 +288,8 @@ TEST_F(FsLockTest, RefreshesComeEveryFiveSecondsAndDeadlinesKeepTheirMillisecond
   korvel_test::failUnder(Fault::kRemove, level(0), EIO);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(lock.release(900, TimeUnit::sMilliseconds()));
-  EXPECT_GE(korvel_test::secondsSince(start), 0.85);
-  EXPECT_LT(korvel_test::secondsSince(start), 1.6) << "a release tries for the time it was given";
+  EXPECT_GE(secondsSince(start), 0.85);
+  EXPECT_LT(secondsSince(start), 1.6) << "a release tries for the time it was given";
 }
 
 // The lease runs out on the holder's own clock, without any file-system
@@ -273,52 +311,113 @@ TEST_F(FsLockTest, ALeaseRunsOutOnTheClockAlone) {
   EXPECT_TRUE(koFileExists(level(0).c_str()));
 }
 
-// A waiter stopped on its way to a stale level 0 (before it judged it, or
-// after) while another waiter took over its queue place and level 0: it
-// must not overwrite the new holder's file when it resumes.
-TEST_F(FsLockTest, AWaiterStoppedBeforeATakeoverLeavesTheNewHolderAlone) {
-  for (bool afterJudging : {false, true}) {
-    SCOPED_TRACE(afterJudging ? "stopped after judging level 0" : "stopped before");
+// Handlers run one at a time on one thread; one may destroy, release or
+// acquire any lock, also one whose own handler is queued behind it.
+TEST_F(FsLockTest, LossHandlersMayTearDownAnyLock) {
+  for (const char* name : {"a", "b", "c"}) ASSERT_EQ(mkdir(at(name).c_str(), 0700), 0);
+  auto* a = new koDirectoryExclusiveLock(at("a"), "a");
+  auto* b = new koDirectoryExclusiveLock(at("b"), "b");
+  koDirectoryExclusiveLock c(at("c"), "c");
+  std::atomic<int> ran{0};
+  a->onLost([&] {
+    ++ran;
+    delete b;  // its own handler is queued behind this one
+    b = nullptr;
+    koDirectoryExclusiveLock again(at("c"), "again");
+    if (again.acquire(0, TimeUnit::sSeconds(), true) && again.release()) ++ran;
+    delete a;  // the handler's own lock
+  });
+  b->onLost([&] { ran += 100; });
+  c.onLost([&] { ++ran; });
+  ASSERT_TRUE(a->acquire(0, TimeUnit::sSeconds(), true));
+  ASSERT_TRUE(b->acquire(0, TimeUnit::sSeconds(), true));
+  korvel_test::advanceClock(15);
+  EXPECT_TRUE(korvel_test::eventually([&] { return ran == 2; }, 5));
+  ASSERT_TRUE(c.acquire(0, TimeUnit::sSeconds(), true));
+  korvel_test::advanceClock(15);
+  EXPECT_TRUE(korvel_test::eventually([&] { return ran == 3; }, 5)) << "handlers run on";
+  EXPECT_EQ(ran, 3) << "a destroyed lock's handler never runs";
+}
+
+// A waiter stopped on its way to a dead level 0 (before it judged it, or
+// after) while another waiter took over its queue place (and level 0, or
+// not yet): it must not write into level 0 when it resumes.
+TEST_F(FsLockTest, AWaiterStoppedBeforeATakeoverLeavesLevelZeroAlone) {
+  struct Case {
+    bool afterJudging;
+    const char* level0;  // what the other waiter made of level 0 meanwhile
+  };
+  for (const Case& c : {Case{false, "778"}, Case{true, "778"}, Case{true, "4242"}}) {
+    SCOPED_TRACE(std::string(c.afterJudging ? "after" : "before") + " judging, level 0 " +
+                 c.level0);
     korvel_test::clearHooks();
     korvel_test::writeFile(level(0), "4242");
-    ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - 30));
+    ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - 700));
     bool stopped = false;
     auto stop = [&] {
       stopped = true;
       korvel_test::writeFile(level(1), "777");
-      korvel_test::writeFile(level(0), "778");
+      if (std::string(c.level0) != "4242") korvel_test::writeFile(level(0), c.level0);
       korvel_test::advanceClock(20);
     };
     // Before: its try at level 0 from level 1. After: the stale test's own
     // fresh file going.
     korvel_test::observeOpens([&](const char* path, int flags) {
-      if (!afterJudging && !stopped && (flags & O_EXCL) != 0 && level(0) == path) stop();
+      if (!c.afterJudging && !stopped && (flags & O_EXCL) != 0 && level(0) == path) stop();
     });
     korvel_test::observeRemoves([&](const char* path) {
-      if (afterJudging && !stopped && strstr(path, "/.deploy_") == nullptr) stop();
+      if (c.afterJudging && !stopped && strstr(path, "/.deploy_") == nullptr) stop();
     });
     koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
     EXPECT_FALSE(waiter.acquire(1, TimeUnit::sSeconds(), true));
     EXPECT_TRUE(stopped);
-    EXPECT_EQ(readFile(level(0)), "778") << "the new holder's file was overwritten";
+    EXPECT_EQ(readFile(level(0)), c.level0) << "level 0 was written by a waiter without a place";
     korvel_test::removeTree(dir_.path());
     ASSERT_EQ(mkdir(dir_.path().c_str(), 0700), 0);
   }
 }
 
-// A child made by fork() that destroys its copy of a held lock neither
-// waits for the parent's refresh thread nor removes the parent's file.
-TEST_F(FsLockTest, AForkedChildLeavesItsParentsLockAlone) {
-  auto* lock = new koDirectoryExclusiveLock(dir_.path(), "t");
+// Directories a lock cannot use are refused at once: the empty path, one
+// too long for the stale test's fresh files; a relative path means what it
+// meant when the lock was made; a child made by fork() uses none of its
+// parent's locks.
+TEST_F(FsLockTest, BadDirectoriesAndForkedChildrenAreRefused) {
+  WarningCapture warnings;
+  koDirectoryExclusiveLock empty("", "empty");
+  EXPECT_FALSE(empty.acquire(koForever, TimeUnit::sSeconds(), true));
+  EXPECT_EQ(errno, EINVAL);
+  std::string deep = dir_.path();
+  while (deep.size() < PATH_MAX - 40) {
+    deep += "/" + std::string(std::min<size_t>(200, PATH_MAX - 41 - deep.size()), 'd');
+  }
+  ASSERT_TRUE(koMkdirP(deep.c_str()));
+  koDirectoryExclusiveLock tooLong(deep, "deep");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(tooLong.acquire(koForever, TimeUnit::sSeconds(), true));
+  EXPECT_EQ(errno, ENAMETOOLONG);
+  EXPECT_LT(secondsSince(start), 1.0);
+  EXPECT_EQ(warnings.count("is too long for the lock"), 1) << warnings.text();
+
+  char cwd[PATH_MAX];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  ASSERT_EQ(chdir(dir_.path().c_str()), 0);
+  ASSERT_EQ(mkdir("rel", 0700), 0);
+  auto* lock = new koDirectoryExclusiveLock("rel", "relative");
   ASSERT_TRUE(lock->acquire(0, TimeUnit::sSeconds(), false));
+  ASSERT_EQ(chdir(cwd), 0);
+  EXPECT_FALSE(lock->lost());
   EXPECT_EQ(korvel_test::runInChild([&] {
               alarm(5);
-              delete lock;
-              return 0;
+              const bool refused = !lock->acquire(0, TimeUnit::sSeconds(), true) &&
+                                   errno == EPERM && !lock->release() && errno == EPERM;
+              delete lock;  // neither waits for the parent's threads nor removes its file
+              return refused ? 0 : 1;
             }),
             0);
-  EXPECT_TRUE(koFileExists(level(0).c_str()));
-  EXPECT_TRUE(lock->release(koForever, TimeUnit::sSeconds()));
+  EXPECT_TRUE(koFileExists(at("rel/.deploy_lock.0").c_str()));
+  EXPECT_TRUE(lock->release());
+  EXPECT_FALSE(lock->lost());
+  EXPECT_TRUE(entries(at("rel")).empty());
   delete lock;
 }
 
@@ -338,7 +437,8 @@ TEST_F(FsLockTest, UnremovableQueueFileIsReported) {
 class LockProcessTest : public FsLockTest {
  protected:
   pid_t start(const std::vector<std::string>& args, const std::string& out = "",
-              const std::vector<std::string>& env = {}, const std::string& err = "") {
+              std::vector<std::string> env = {}, const std::string& err = "") {
+    env.push_back("KORVEL_TEST_STATE_DIR=" + korvel_test::localStateDirectory());
     return korvel_test::spawn(KORVEL_LOCK_CHILD, args, env, out, err);
   }
   // A child holding dir's lock of kind, once it says so.
@@ -380,7 +480,7 @@ TEST_F(LockProcessTest, HoldersLearnOfTheirLossAndLeaveTheNewHolderAlone) {
     ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
     stopped[i] = holder(dir, kinds[i], at(kinds[i] + ".out"));
     kill(stopped[i], SIGSTOP);
-    ASSERT_TRUE(korvel_test::setMtime(dir + files[i], time(nullptr) - 30));
+    ASSERT_TRUE(korvel_test::setMtime(dir + files[i], time(nullptr) - 700));
   }
   // The new holders do not refresh, so their files keep their numbers.
   exclusive.reset(new koDirectoryExclusiveLock(at("excl"), "new"));
@@ -405,6 +505,71 @@ TEST_F(LockProcessTest, HoldersLearnOfTheirLossAndLeaveTheNewHolderAlone) {
   EXPECT_FALSE(writing->lost());
   EXPECT_TRUE(exclusive->release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(writing->release(koForever, TimeUnit::sSeconds()));
+}
+
+// On one host the kernel can tell more than the files: a waiter is woken
+// when the level below goes, not at its next poll (here made 10 s long),
+// and a holder that died is known dead at once (its registration is no
+// longer locked). Without such evidence nothing is judged early, and
+// without notification the poll still serves.
+TEST_F(LockProcessTest, OnOneHostTheKernelTellsWhatItKnows) {
+  for (const bool watched : {true, false}) {
+    SCOPED_TRACE(watched ? "woken" : "polling");
+    korvel_test::clearHooks();
+    korvel_test::failWatches(!watched);
+    if (watched) korvel_test::scaleWaits(0.001);
+    koDirectoryExclusiveLock holder(dir_.path(), "holder");
+    koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
+    ASSERT_TRUE(holder.acquire(0, TimeUnit::sSeconds(), true));
+    std::atomic<bool> taken{false};
+    std::thread waiting([&] { taken = waiter.acquire(koForever, TimeUnit::sSeconds(), true); });
+    ASSERT_TRUE(korvel_test::eventually([&] { return koFileExists(level(1).c_str()); }, 5));
+    usleep(50000);
+    EXPECT_TRUE(holder.release());
+    EXPECT_TRUE(korvel_test::eventually([&] { return taken.load(); }, 2));
+    waiting.join();
+    EXPECT_TRUE(waiter.release());
+  }
+  korvel_test::clearHooks();
+
+  // A holder killed on this host, after a refresh or two: taken over at
+  // once.
+  const pid_t killed = start({"hold", dir_.path(), "excl"}, at("killed.out"),
+                             {"KORVEL_TEST_TIME_SCALE=10"});
+  ASSERT_TRUE(korvel_test::waitForFileText(at("killed.out"), "held\n", 20));
+  usleep(1200000);  // its refreshes come every 0.5 s
+  kill(killed, SIGKILL);
+  korvel_test::waitChild(killed);
+  koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(waiter.acquire(5, TimeUnit::sSeconds(), true));
+  EXPECT_LT(secondsSince(start), 1.0);
+  EXPECT_TRUE(waiter.release());
+
+  // No evidence: a holder not known here, one whose registration speaks of
+  // another number, one registered by a user other than the file's owner.
+  korvel_test::writeFile(level(0), "4242");
+  const FileState dead = stateOf(level(0));
+  char identity[64];
+  snprintf(identity, sizeof identity, "%lx-%lx", static_cast<unsigned long>(dead.device),
+           static_cast<unsigned long>(dead.inode));
+  const std::string registration =
+      korvel_test::localStateDirectory() + "/korvel-holders/" + identity + "-4242";
+  struct Planted {
+    const char* number;  // what the registration says; none at all when empty
+    uid_t owner;
+  };
+  const Planted planted[] = {{"", 0}, {"4243", 0}, {"4242", korvel_test::kNobody}};
+  for (const Planted& p : planted) {
+    if (*p.number != '\0') {
+      korvel_test::writeFile(registration, std::string(identity) + " " + p.number + "\n");
+      if (p.owner != 0 && (geteuid() != 0 || chown(registration.c_str(), p.owner, p.owner) != 0)) {
+        continue;  // as another user only where the test may act as one
+      }
+    }
+    koDirectoryExclusiveLock early(dir_.path(), "early");
+    EXPECT_FALSE(early.acquire(0, TimeUnit::sSeconds(), true)) << p.number << " " << p.owner;
+  }
 }
 
 TEST_F(LockProcessTest, DiagnosticsFollowTheEnvironmentAtLoad) {

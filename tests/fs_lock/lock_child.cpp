@@ -6,22 +6,33 @@
 //
 //   lock_child count DIR M   M holds of DIR's exclusive lock; inside, the
 //                            marker DIR/inside must be free and DIR/counter
-//                            gains one. Prints "X start end" per hold; exit
+//                            gains one. Prints "X start end asked" per hold
+//                            (asked: when it asked for the lock); exit
 //                            status: the overlaps seen.
 //   lock_child rw-mix DIR WORK M SEED [HOLD_US]
 //                            M holds of DIR's read-write lock, about 40 %
 //                            writes; markers in WORK detect overlaps, writers
 //                            add one to WORK/counter, readers stay HOLD_US
-//                            (200). Prints "W|R start end" per hold, then
+//                            (200). Prints "W|R start end asked" per hold, then
 //                            "writes W reads R"; exit status: overlaps.
+//   lock_child inside WORK KIND ASKED
+//                            one hold's work for a command that korvel-lock
+//                            runs: KIND write or read, markers and counter as
+//                            in rw-mix. Prints "W|R start end ASKED"; exit
+//                            status: overlaps.
 //   lock_child hold DIR KIND take the lock, print "held T REALTIME"; "lost T"
 //                            when it is lost; on SIGTERM release it and print
-//                            "released 1|0 T".
+//                            "released 1|0 T". SIGTSTP stops it as a paused
+//                            virtual machine stops: its monotonic clock does
+//                            not count the stop.
 //   lock_child try DIR KIND MS
 //                            exit 0 when the lock could be had within MS ms
 //                            (and released), 1 when not.
-//   lock_child watch FILE    print "T CONTENT" whenever FILE's content
-//                            changes ("-" when missing), every 10 ms.
+//   lock_child watch FILE [stat]
+//                            print "T CONTENT" whenever FILE's content
+//                            changes ("-" when missing), every 10 ms; with
+//                            "stat", "T CONTENT SIZE MTIME_NS INODE" whenever
+//                            the content or these attributes change.
 //   lock_child stamp         print T.
 //   lock_child once DIR      take (time-out 0) and release the exclusive lock.
 //   lock_child late DIR      set KORVEL_FSLOCK_VERBOSE, then as "once".
@@ -30,20 +41,70 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <memory>
+#include <random>
 #include <string>
 
+#include "host/host.h"
 #include "korvel/fs_lock.h"
 
 using Zentha::System::TimeUnit;
 
+// A test's stand-in for /dev/shm, so that the test process and its children
+// know the same about this host.
+extern "C" const char* hostLocalStateDirectory() {
+  const char* dir = getenv("KORVEL_TEST_STATE_DIR");  // NOLINT(concurrency-mt-unsafe)
+  return dir != nullptr ? dir : hostDefaultLocalStateDirectory();
+}
+
+// A test may make the library's timed waits pass faster
+// (KORVEL_TEST_TIME_SCALE): its refresh then comes sooner.
+extern "C" double hostRealSeconds(double seconds) {
+  static const double scale = [] {
+    const char* text = getenv("KORVEL_TEST_TIME_SCALE");  // NOLINT(concurrency-mt-unsafe)
+    return text != nullptr ? atof(text) : 1.0;
+  }();
+  return seconds / scale;
+}
+
+// Seconds the process stood still after SIGTSTP, and while it stands still
+// the clock reading it stopped at (0 when running).
+static std::atomic<double> pausedFor{0.0};
+static std::atomic<double> pausedAt{0.0};
+
+// Lock numbers with ten digits in every worker (2^30 to 2^31 - 1), so that
+// a file taken over by another worker keeps its size: a mount that keeps a
+// file's pages until its size changes then reads the old holder's number.
+extern "C" unsigned hostRandom() {
+  return std::random_device()() | 0x40000000u;
+}
+
+// The library's monotonic clock, less the pauses.
+extern "C" double hostMonotonic() {
+  const double at = pausedAt.load();
+  return (at != 0.0 ? at : hostDefaultMonotonic()) - pausedFor.load();
+}
+
 namespace {
+
+// Stops the whole process; once it continues, the stop is taken off the
+// clock. Until then the clock reads as at the stop, so that no thread that
+// runs first sees the time that passed.
+void pauseClock(int) {
+  pausedAt.store(hostDefaultMonotonic());
+  raise(SIGSTOP);
+  pausedFor.store(pausedFor.load() + hostDefaultMonotonic() - pausedAt.load());
+  pausedAt.store(0.0);
+}
 
 long long now() {
   timespec t;
@@ -56,8 +117,9 @@ void say(const std::string& line) {
   fflush(stdout);
 }
 
-std::string interval(const char* kind, long long start) {
-  return std::string(kind) + " " + std::to_string(start) + " " + std::to_string(now());
+std::string interval(const char* kind, long long start, long long asked) {
+  return std::string(kind) + " " + std::to_string(start) + " " + std::to_string(now()) + " " +
+         std::to_string(asked);
 }
 
 bool createExclusive(const std::string& path) {
@@ -127,26 +189,47 @@ int countLoop(const std::string& dir, int rounds) {
   const std::string inside = dir + "/inside";
   int overlaps = 0;
   for (int i = 0; i < rounds; ++i) {
+    const long long asked = now();
     if (!lock.acquire(koForever, TimeUnit::sSeconds(), false)) return 100;
     const long long start = now();
     const bool alone = createExclusive(inside);
     overlaps += !alone;
     addOne(dir + "/counter");
     if (alone) unlink(inside.c_str());
-    say(interval("X", start));
+    say(interval("X", start, asked));
     if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
   }
   return overlaps > 99 ? 99 : overlaps;
+}
+
+// One hold's work in DIR: a writer must find no marker and adds one to the
+// counter, a reader must find no writer's marker. Prints the interval and
+// returns the overlaps seen.
+int holdWork(const std::string& dir, bool write, int holdUs, long long asked) {
+  char host[64] = "";
+  gethostname(host, sizeof host - 1);
+  const std::string writer = dir + "/writer";
+  const std::string reader = dir + "/reader." + host + "." + std::to_string(getpid());
+  const long long start = now();
+  int overlaps = 0;
+  const bool marked = createExclusive(write ? writer : reader);
+  if (write) {
+    overlaps += !marked || anyReaderMarker(dir);
+    addOne(dir + "/counter");
+  } else {
+    overlaps += access(writer.c_str(), F_OK) == 0;
+    usleep(holdUs);
+    overlaps += access(writer.c_str(), F_OK) == 0;
+  }
+  if (marked) unlink((write ? writer : reader).c_str());
+  say(interval(write ? "W" : "R", start, asked));
+  return overlaps;
 }
 
 int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned seed, int holdUs) {
   koDirectoryReadWriteLock rw(dir);
   koDirectoryReadWriteLock::ReadLock reading = rw.getReadLock();
   koDirectoryReadWriteLock::WriteLock writing = rw.getWriteLock();
-  char host[64] = "";
-  gethostname(host, sizeof host - 1);
-  const std::string writer = work + "/writer";
-  const std::string reader = work + "/reader." + host + "." + std::to_string(getpid());
   int overlaps = 0;
   int writes = 0;
   for (int i = 0; i < rounds; ++i) {
@@ -154,19 +237,9 @@ int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned 
     writes += write;
     koDirectoryReadWriteLock::AbstractLock& lock =
         write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
+    const long long asked = now();
     if (!lock.acquire(koForever, TimeUnit::sSeconds())) return 100;
-    const long long start = now();
-    const bool marked = createExclusive(write ? writer : reader);
-    if (write) {
-      overlaps += !marked || anyReaderMarker(work);
-      addOne(work + "/counter");
-    } else {
-      overlaps += access(writer.c_str(), F_OK) == 0;
-      usleep(holdUs);
-      overlaps += access(writer.c_str(), F_OK) == 0;
-    }
-    if (marked) unlink((write ? writer : reader).c_str());
-    say(interval(write ? "W" : "R", start));
+    overlaps += holdWork(work, write, holdUs, asked);
     if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
   }
   say("writes " + std::to_string(writes) + " reads " + std::to_string(rounds - writes));
@@ -178,6 +251,7 @@ int hold(const std::string& dir, const std::string& kind) {
   sigemptyset(&terminate);
   sigaddset(&terminate, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &terminate, nullptr);  // taken by sigwait below
+  signal(SIGTSTP, pauseClock);
   AnyLock lock(dir, kind);
   lock.onLost([] { say("lost " + std::to_string(now())); });
   if (!lock.acquire(koForever)) return 1;
@@ -188,9 +262,14 @@ int hold(const std::string& dir, const std::string& kind) {
   return 0;
 }
 
-int watch(const std::string& file) {
+int watch(const std::string& file, bool attributes) {
   for (std::string last;;) {
-    const std::string text = readAll(file);
+    std::string text = readAll(file);
+    struct stat st = {};
+    if (attributes && text != "-" && stat(file.c_str(), &st) == 0)
+      text += " " + std::to_string(st.st_size) + " " +
+              std::to_string(st.st_mtim.tv_sec * 1000000000LL + st.st_mtim.tv_nsec) + " " +
+              std::to_string(st.st_ino);
     if (text != last) say(std::to_string(now()) + " " + text);
     last = text;
     usleep(10000);
@@ -215,13 +294,14 @@ int main(int argc, char** argv) {
     return rwMix(dir, argv[3], atoi(argv[4]), static_cast<unsigned>(atoi(argv[5])),
                  argc == 7 ? atoi(argv[6]) : 200);
   }
+  if (mode == "inside" && argc == 5) return holdWork(dir, argv[3][0] == 'w', 200, atoll(argv[4]));
   if (mode == "hold" && argc == 4) return hold(dir, argv[3]);
   if (mode == "try" && argc == 5) {
     AnyLock lock(dir, argv[3]);
     if (!lock.acquire(strtoul(argv[4], nullptr, 10))) return 1;
     return lock.release() ? 0 : 2;
   }
-  if (mode == "watch") return watch(dir);
+  if (mode == "watch" && (argc == 3 || argc == 4)) return watch(dir, argc == 4);
   if (mode == "once") return once(dir);
   if (mode == "late") {
     setenv("KORVEL_FSLOCK_VERBOSE", "1", 1);

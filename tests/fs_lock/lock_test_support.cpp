@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -25,7 +26,9 @@ namespace {
 struct Hooks {
   std::map<Fault, std::pair<std::string, int>> faults;
   std::string skewedUnder;
-  time_t skewSeconds = 0;
+  double skewSeconds = 0;
+  double skewSince = 0;
+  std::map<int, std::string> openFiles;  // descriptor -> path, for fstat
   std::map<std::string, int> writeCounts;
   std::function<void(const char*, int)> openObserver;
   std::function<void(const char*)> removeObserver;
@@ -35,6 +38,7 @@ std::mutex hookMutex;
 Hooks hooks;  // guarded by hookMutex
 std::atomic<double> clockOffset{0.0};
 std::atomic<double> waitScale{1.0};
+std::atomic<bool> watchesFail{false};
 
 // The error to fail an operation of that kind on path with, or 0.
 int faultFor(Fault which, const char* path) {
@@ -53,10 +57,11 @@ void failUnder(Fault which, const std::string& prefix, int error) {
   hooks.faults[which] = {prefix, error};
 }
 
-void skewServerClock(const std::string& prefix, time_t seconds) {
+void skewStamps(const std::string& prefix, double seconds, double since) {
   std::lock_guard<std::mutex> lock(hookMutex);
   hooks.skewedUnder = prefix;
   hooks.skewSeconds = seconds;
+  hooks.skewSince = since;
 }
 
 void observeOpens(std::function<void(const char*, int)> observer) {
@@ -73,6 +78,15 @@ void advanceClock(double seconds) {
   clockOffset = clockOffset + seconds;
 }
 
+const std::string& localStateDirectory() {
+  static const TempDir* dir = new TempDir;  // NOLINT: until exit
+  return dir->path();
+}
+
+void failWatches(bool fail) {
+  watchesFail = fail;
+}
+
 void scaleWaits(double factor) {
   waitScale = factor;
 }
@@ -82,6 +96,7 @@ void clearHooks() {
   hooks = Hooks();
   clockOffset = 0.0;
   waitScale = 1.0;
+  watchesFail = false;
   removeCalls = 0;
 }
 
@@ -124,6 +139,29 @@ using korvel_test::faultFor;
 using korvel_test::hookMutex;
 using korvel_test::hooks;
 
+namespace {
+
+// Shifts the modification time of a file under the skewed prefix.
+// REQUIRES: hookMutex held.
+void skew(const char* path, struct stat* st) {
+  if (hooks.skewedUnder.empty() ||
+      strncmp(path, hooks.skewedUnder.c_str(), hooks.skewedUnder.size()) != 0) {
+    return;
+  }
+  const double changed = static_cast<double>(st->st_mtim.tv_sec) + st->st_mtim.tv_nsec / 1e9;
+  if (changed < hooks.skewSince) return;
+  const double shifted = changed + hooks.skewSeconds;
+  st->st_mtim.tv_sec = static_cast<time_t>(std::floor(shifted));
+  st->st_mtim.tv_nsec = static_cast<long>((shifted - std::floor(shifted)) * 1e9);
+}
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+
 extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
   int error = 0;
   bool slow = false;
@@ -139,11 +177,21 @@ extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
     }
   }
   if (slow) usleep(300000);
-  if (error != 0) {
-    errno = error;
-    return -1;
+  if (error != 0) return fail(error);
+  const int fd = hostDefaultOpen(path, flags, mode);
+  if (fd >= 0) {
+    std::lock_guard<std::mutex> lock(hookMutex);
+    hooks.openFiles[fd] = path;
   }
-  return hostDefaultOpen(path, flags, mode);
+  return fd;
+}
+
+extern "C" int hostClose(int fd) {
+  {
+    std::lock_guard<std::mutex> lock(hookMutex);
+    hooks.openFiles.erase(fd);
+  }
+  return hostDefaultClose(fd);
 }
 
 extern "C" double hostMonotonic() {
@@ -154,24 +202,37 @@ extern "C" double hostRealSeconds(double seconds) {
   return seconds / korvel_test::waitScale;
 }
 
-extern "C" int hostStat(const char* path, struct stat* st) {
+extern "C" int hostInotifyAddWatch(int fd, const char* path, uint32_t mask) {
+  if (korvel_test::watchesFail) return fail(ENOSPC);
+  return hostDefaultInotifyAddWatch(fd, path, mask);
+}
+
+// What the locks learn on this host stays with this test run, and with the
+// lock_child processes it starts (KORVEL_TEST_STATE_DIR).
+extern "C" const char* hostLocalStateDirectory() {
+  return korvel_test::localStateDirectory().c_str();
+}
+
+extern "C" int hostLstat(const char* path, struct stat* st) {
   {
     std::lock_guard<std::mutex> lock(hookMutex);
-    if (const int error = faultFor(Fault::kStat, path)) {
-      errno = error;
-      return -1;
-    }
+    if (const int error = faultFor(Fault::kStat, path)) return fail(error);
   }
-  const int rc = hostDefaultStat(path, st);
+  const int rc = hostDefaultLstat(path, st);
   std::lock_guard<std::mutex> lock(hookMutex);
-  if (rc == 0 && !hooks.skewedUnder.empty() &&
-      strncmp(path, hooks.skewedUnder.c_str(), hooks.skewedUnder.size()) == 0) {
-    st->st_mtime += hooks.skewSeconds;
-  }
+  if (rc == 0) skew(path, st);
   return rc;
 }
 
-extern "C" int hostRemoveFile(const char* path) {
+extern "C" int hostFstat(int fd, struct stat* st) {
+  const int rc = hostDefaultFstat(fd, st);
+  std::lock_guard<std::mutex> lock(hookMutex);
+  const auto found = hooks.openFiles.find(fd);
+  if (rc == 0 && found != hooks.openFiles.end()) skew(found->second.c_str(), st);
+  return rc;
+}
+
+extern "C" int hostUnlink(const char* path) {
   ++korvel_test::removeCalls;
   int error;
   {
@@ -179,11 +240,8 @@ extern "C" int hostRemoveFile(const char* path) {
     if (hooks.removeObserver) hooks.removeObserver(path);
     error = faultFor(Fault::kRemove, path);
   }
-  if (error != 0) {
-    errno = error;
-    return -1;
-  }
-  return hostDefaultRemoveFile(path);
+  if (error != 0) return fail(error);
+  return hostDefaultUnlink(path);
 }
 
 extern "C" char* hostGetDirList(const char* pattern, int flags) {

@@ -1,8 +1,8 @@
 // Support for the lock tests. Fault injection and observation go through
-// the host layer: this test binary defines hostOpen, hostStat,
-// hostRemoveFile and hostGetDirList, so the library's file operations pass
-// through here. Switches may be flipped by one thread while another uses a
-// lock.
+// the host layer: this test binary defines hostOpen, hostLstat, hostFstat,
+// hostUnlink, hostGetDirList and the clocks, so the library's file
+// operations pass through here. Switches may be flipped by one thread while
+// another uses a lock.
 #ifndef KORVEL_TESTS_FS_LOCK_LOCK_TEST_SUPPORT_H_
 #define KORVEL_TESTS_FS_LOCK_LOCK_TEST_SUPPORT_H_
 
@@ -14,7 +14,7 @@
 #include <set>
 #include <string>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/read_write_lock.h"
 #include "tests/support/temp_dir.h"
 
 namespace korvel_test {
@@ -24,13 +24,20 @@ enum class Fault {
   kWrite,      // any other open for writing
   kRemove,     // removals
   kList,       // directory listings
-  kStat,       // stat
+  kStat,       // looks at a name (lstat)
   kSlowWrite,  // opens for writing take 300 ms, then succeed
 };
 
 // Moves this process's monotonic clock (hostMonotonic) forward, as a stop
 // of that long would; clearHooks() sets it back.
 void advanceClock(double seconds);
+
+// This test run's stand-in for /dev/shm, where the locks keep what this
+// host knows; lock_child takes it from KORVEL_TEST_STATE_DIR.
+const std::string& localStateDirectory();
+
+// Directory watches fail as when the inotify limit is reached (ENOSPC).
+void failWatches(bool fail);
 
 // Timed waits of the lock code (not its sleeps) pass `factor` times faster
 // than the clock: 5 s of refresh period take 5 / factor real seconds.
@@ -41,9 +48,11 @@ void scaleWaits(double factor);
 // prefix turns the fault off.
 void failUnder(Fault which, const std::string& prefix, int error = 1 /* EPERM */);
 
-// The file server's clock runs `seconds` ahead of this host's: every
-// modification time read under prefix is shifted by that much.
-void skewServerClock(const std::string& prefix, time_t seconds);
+// Files under prefix are stamped `seconds` off: every modification time
+// read of them (lstat, fstat) is shifted by that much, as when a client
+// with a skewed clock stamps its own writes. From files changed at or after
+// `since` (wall-clock seconds) on, as when a server's clock steps then.
+void skewStamps(const std::string& prefix, double seconds, double since = 0.0);
 
 // Called before each host open or remove; an empty function stops it.
 void observeOpens(std::function<void(const char* path, int flags)> observer);
@@ -52,7 +61,7 @@ void observeRemoves(std::function<void(const char* path)> observer);
 // Turns off every fault and observer, and clears the counts.
 void clearHooks();
 
-// Host removals made so far.
+// Host unlinks made so far.
 extern std::atomic<int> removeCalls;
 // Opens for writing (not exclusive creates) of path so far.
 int writesTo(const std::string& path);

@@ -1,20 +1,26 @@
 // The read-write directory lock, in one process and between processes.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "fs_lock/fs_lock_internal.h"
+#include "fs_lock/read_write_lock.h"
 #include "korvel/fs_lock.h"
+#include "korvel/paths.h"
 #include "tests/fs_lock/lock_test_support.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
@@ -34,8 +40,19 @@ using WriteLock = koDirectoryReadWriteLock::WriteLock;
 const char kWriteLock[] = ".deploy_write_lock";
 const char kReadLockPrefix[] = ".deploy_read_lock.";
 
+// A fresh handle's acquisition, its result; the handle (and its file) go
+// with the call.
+bool acquireWrite(const koDirectoryReadWriteLock& rw, unsigned long n, const TimeUnit& unit) {
+  WriteLock writing = rw.getWriteLock();
+  return writing.acquire(n, unit);
+}
+bool acquireRead(const koDirectoryReadWriteLock& rw, unsigned long n, const TimeUnit& unit) {
+  ReadLock reading = rw.getReadLock();
+  return reading.acquire(n, unit);
+}
+
 bool loopRunning(const koDirectoryReadWriteLock& rw) {
-  koDirectoryReadWriteLock::ScopedLock lock(rw.getImpl()->getMutex());
+  koDirectoryReadWriteLock::Impl::ScopedLock lock(rw.getImpl()->getMutex());
   return rw.getImpl()->refreshLoopRunning();
 }
 
@@ -91,7 +108,7 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   EXPECT_TRUE(copy.isAcquired());
   ASSERT_TRUE(copy.acquire(0, TimeUnit::sSeconds())) << "nested: no file work, no waiting";
   EXPECT_FALSE(first.acquire(300, TimeUnit::sMilliseconds()));
-  EXPECT_FALSE(rw.getWriteLock().acquire(300, TimeUnit::sMilliseconds()))
+  EXPECT_FALSE(acquireWrite(rw, 300, TimeUnit::sMilliseconds()))
       << "one write lock per directory and process, whatever the handle";
   EXPECT_TRUE(writing.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(writeLockFileExists()) << "one acquisition is still counted";
@@ -105,6 +122,15 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
     ReadLock other = reading;
   }
   EXPECT_TRUE(entries(dir_.path()).empty());
+
+  // A single attempt answers at once while a program holds the directory's
+  // exclusive lock, rather than waiting for it as for a brief look.
+  koDirectoryExclusiveLock program(dir_.path(), "program");
+  ASSERT_TRUE(program.acquire(0, TimeUnit::sSeconds(), true));
+  const auto tried = std::chrono::steady_clock::now();
+  EXPECT_FALSE(acquireRead(rw, 0, TimeUnit::sSeconds()));
+  EXPECT_LT(secondsSince(tried), 0.3);
+  EXPECT_TRUE(program.release());
   EXPECT_FALSE(loopRunning(rw));
 }
 
@@ -160,14 +186,14 @@ TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
     if (at("r/") + name != quietFile) readFileName = at("r/") + name;
   }
   // A writer of the same process waits on the read locks.
-  std::thread waiter([&] { EXPECT_FALSE(r.getWriteLock().acquire(7, TimeUnit::sSeconds())); });
+  std::thread waiter([&] { EXPECT_FALSE(acquireWrite(r, 7, TimeUnit::sSeconds())); });
   // And a holder whose file is taken over finds out at its next refresh.
   ASSERT_EQ(mkdir(at("t").c_str(), 0755), 0);
   koDirectoryExclusiveLock overtaken(at("t"), "old");
   std::atomic<int> told{0};
   overtaken.onLost([&] { ++told; });
   ASSERT_TRUE(overtaken.acquire(koForever, TimeUnit::sSeconds(), false));
-  ASSERT_TRUE(korvel_test::setMtime(at("t/.deploy_lock.0"), time(nullptr) - 30));
+  ASSERT_TRUE(korvel_test::setMtime(at("t/.deploy_lock.0"), time(nullptr) - 700));
   koDirectoryExclusiveLock taker(at("t"), "new");
   ASSERT_TRUE(taker.acquire(0, TimeUnit::sSeconds(), true));
 
@@ -205,34 +231,24 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   {
     koDirectoryReadWriteLock rw(missing);
     try {
-      rw.getReadLock().acquire(koForever, TimeUnit::sSeconds());
+      acquireRead(rw, koForever, TimeUnit::sSeconds());
       ADD_FAILURE() << "no exception";
     } catch (const koNoSuchDirectory& e) {
       EXPECT_STREQ(e.what(),
                    ("Tried to obtain a lock on a non-existent directory" + missing).c_str());
     }
   }
-  // A directory whose lock-file names are too long ends even a finite wait
-  // at once; a writer that cannot list the directory is refused.
-  std::string deep = dir_.path();
-  while (deep.size() < 4078)
-    deep += "/" + std::string(std::min<size_t>(200, 4077 - deep.size()), 'd');
-  ASSERT_TRUE(koMkdirP(deep.c_str()));
-  koDirectoryReadWriteLock tooLong(deep);
+  // A writer that cannot list the directory is refused.
   WarningCapture warnings;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(tooLong.getWriteLock().acquire(koForever, TimeUnit::sSeconds()));
-  EXPECT_EQ(errno, ENAMETOOLONG);
-  EXPECT_LT(secondsSince(start), 1.0);
   korvel_test::failUnder(Fault::kList, at(""), EACCES);
   koDirectoryReadWriteLock unlistable(dir_.path());
-  EXPECT_FALSE(unlistable.getWriteLock().acquire(koForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireWrite(unlistable, koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EACCES);
   // Nor does a reader enter when the write lock's file cannot be looked at.
   korvel_test::failUnder(Fault::kStat, at(kWriteLock), EIO);
-  EXPECT_FALSE(unlistable.getReadLock().acquire(koForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireRead(unlistable, koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(warnings.count("FS_LOCK: cannot"), 3) << warnings.text();
+  EXPECT_EQ(warnings.count("FS_LOCK: cannot"), 2) << warnings.text();
 
   // The directory vanishes under a held write lock: release reports it.
   korvel_test::clearHooks();
@@ -241,7 +257,7 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   WriteLock writing = rw.getWriteLock();
   ASSERT_TRUE(writing.acquire(koForever, TimeUnit::sSeconds()));
   korvel_test::removeTree(missing);
-  EXPECT_THROW(writing.release(koForever, TimeUnit::sSeconds()), koNoSuchDirectory);
+  EXPECT_THROW((void)writing.release(koForever, TimeUnit::sSeconds()), koNoSuchDirectory);
   EXPECT_FALSE(loopRunning(rw));
 }
 
@@ -277,6 +293,145 @@ TEST_F(RwLockTest, UnremovableLockFileIsReportedAndLeftToGoStale) {
     ASSERT_EQ(unlink(file.c_str()), 0);
   }
   EXPECT_FALSE(loopRunning(rw));
+}
+
+// Whatever sits under a lock-file name may have been planted there: it is
+// never followed, opened, written or removed. It blocks the lock like a
+// holder until the time-out, and is named once.
+TEST_F(RwLockTest, ForeignObjectsBlockButAreNeverTouched) {
+  const std::string precious = at("precious");
+  korvel_test::writeFile(precious, "mine");
+  ASSERT_TRUE(korvel_test::setMtime(precious, time(nullptr) - 3600));
+  struct Object {
+    const char* kind;
+    std::function<int(const std::string&)> make;
+  };
+  const Object objects[] = {
+      {"a symbolic link",
+       [&](const std::string& p) { return symlink(precious.c_str(), p.c_str()); }},
+      {"a symbolic link", [](const std::string& p) { return symlink("/nonexistent", p.c_str()); }},
+      {"a FIFO", [](const std::string& p) { return mkfifo(p.c_str(), 0666); }},
+      {"a directory",
+       [](const std::string& p) {
+         return mkdir(p.c_str(), 0777) | mkdir((p + "/x").c_str(), 0777);
+       }},
+      {"a directory", [](const std::string& p) { return mkdir(p.c_str(), 0777); }}};
+  int n = 0;
+  for (const char* name : {".deploy_lock.0", kWriteLock}) {
+    for (const Object& object : objects) {
+      const std::string dir = at(std::to_string(n++));
+      SCOPED_TRACE(dir + "/" + name + ": " + object.kind);
+      ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+      ASSERT_EQ(object.make(dir + "/" + name), 0);
+      struct stat before;
+      ASSERT_EQ(lstat((dir + "/" + name).c_str(), &before), 0);
+      WarningCapture warnings;
+      const auto start = std::chrono::steady_clock::now();
+      if (name == kWriteLock) {
+        koDirectoryReadWriteLock rw(dir);
+        EXPECT_FALSE(acquireWrite(rw, 300, TimeUnit::sMilliseconds()));
+      } else {
+        koDirectoryExclusiveLock lock(dir, "t");
+        EXPECT_FALSE(lock.acquire(300, TimeUnit::sMilliseconds(), true));
+      }
+      EXPECT_EQ(errno, ETIMEDOUT);
+      EXPECT_LT(secondsSince(start), 2.0);
+      struct stat after;
+      ASSERT_EQ(lstat((dir + "/" + name).c_str(), &after), 0);
+      EXPECT_EQ(after.st_ino, before.st_ino);
+      EXPECT_EQ(readFile(precious), "mine");
+      EXPECT_EQ(warnings.count(dir + "/" + name + " is " + object.kind + ", not a lock file"), 1)
+          << warnings.text();
+    }
+  }
+  struct stat st;
+  ASSERT_EQ(stat(precious.c_str(), &st), 0);
+  EXPECT_LT(st.st_mtime, time(nullptr) - 3000) << "the planted link's target was written";
+}
+
+// Shared directories with several users (the test runs as root): a link
+// planted by one user never leads another's lock to write through it; a
+// stale file another user left in a sticky directory, which this user
+// cannot break, is waited out until the time-out and named once.
+TEST_F(RwLockTest, OtherUsersFilesInSharedDirectories) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to act as several users";
+  constexpr uid_t kDaemon = 1;
+  const std::string shared = at("shared");
+  const std::string precious = at("precious");
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(shared.c_str(), 0777), 0);
+  ASSERT_EQ(chmod(shared.c_str(), 01777), 0);
+  korvel_test::writeFile(precious, "daemon's own");
+  ASSERT_EQ(chown(precious.c_str(), kDaemon, kDaemon), 0);
+  ASSERT_TRUE(korvel_test::setMtime(precious, time(nullptr) - 3600));
+  EXPECT_EQ(korvel_test::runUnprivileged(
+                [&] { return symlink(precious.c_str(), (shared + "/" + kWriteLock).c_str()); }),
+            0);
+  EXPECT_EQ(korvel_test::runUnprivileged(
+                [&] {
+                  koDirectoryReadWriteLock rw(shared);
+                  return acquireWrite(rw, 1, TimeUnit::sSeconds()) ? 1 : 0;
+                },
+                kDaemon),
+            0);
+  EXPECT_EQ(readFile(precious), "daemon's own");
+
+  const std::string level0 = shared + "/.deploy_lock.0";
+  EXPECT_EQ(korvel_test::runUnprivileged([&] {
+              const int fd = open(level0.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+              return fd >= 0 && write(fd, "5", 1) == 1 && close(fd) == 0 &&
+                             korvel_test::setMtime(level0, time(nullptr) - 700)
+                         ? 0
+                         : 1;
+            }),
+            0);
+  const std::string log = at("warnings");
+  korvel_test::writeFile(log, "");
+  ASSERT_EQ(chmod(log.c_str(), 0666), 0);
+  EXPECT_EQ(korvel_test::runUnprivileged(
+                [&] {
+                  std::ofstream stream(log, std::ios::app);
+                  warningLog = {true, &stream};
+                  koDirectoryExclusiveLock lock(shared, "b");
+                  const auto start = std::chrono::steady_clock::now();
+                  if (lock.acquire(1, TimeUnit::sSeconds(), true)) return 1;
+                  if (errno != ETIMEDOUT) return 2;
+                  return secondsSince(start) > 0.9 ? 0 : 3;  // waited, not refused at once
+                },
+                kDaemon),
+            0);
+  EXPECT_EQ(readFile(level0), "5");
+  const std::string text = readFile(log);
+  EXPECT_NE(text.find("cannot remove the stale lock file " + level0 + " of user " +
+                      std::to_string(korvel_test::kNobody)),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(text.find(".deploy_lock.1"), std::string::npos) << text;
+}
+
+// A full file system is waited out until the time-out, with one warning.
+TEST_F(RwLockTest, AFullFileSystemIsWaitedOut) {
+  const std::string full = at("full");
+  ASSERT_EQ(mkdir(full.c_str(), 0700), 0);
+  if (mount("korvel-test", full.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "cannot mount a tmpfs here; the host-layer case covers it";
+  }
+  std::shared_ptr<void> unmount(nullptr, [&](void*) { umount2(full.c_str(), MNT_DETACH); });
+  koDirectoryExclusiveLock holder(full, "holder");
+  ASSERT_TRUE(holder.acquire(0, TimeUnit::sSeconds(), true));
+  const int fd = open((full + "/filler").c_str(), O_WRONLY | O_CREAT, 0600);
+  const std::string block(4096, 'x');
+  while (write(fd, block.data(), block.size()) > 0) {
+  }
+  close(fd);
+  WarningCapture warnings;
+  koDirectoryExclusiveLock waiter(full, "waiter");
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(waiter.acquire(1500, TimeUnit::sMilliseconds(), true));
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_GT(secondsSince(start), 1.4);
+  EXPECT_EQ(warnings.count(errorText(ENOSPC) + "; still trying"), 1) << warnings.text();
+  EXPECT_TRUE(holder.release());
 }
 
 // ---- Real processes ----
@@ -342,24 +497,26 @@ TEST_F(RwProcessTest, FiniteWaitsRideOutContentionAndBreakStaleLocks) {
   for (int i = 0; i < 6; ++i) writers.push_back(start({"try", dir_.path(), "write", "10000"}));
   for (pid_t pid : writers) EXPECT_EQ(korvel_test::waitChild(pid), 0) << "gave up early";
 
-  // A dead writer's file: a single attempt breaks it and enters.
+  // A long dead writer's file: a single attempt breaks it and enters.
   korvel_test::writeFile(at(kWriteLock), "77");
-  ASSERT_TRUE(korvel_test::setMtime(at(kWriteLock), time(nullptr) - 30));
+  ASSERT_TRUE(korvel_test::setMtime(at(kWriteLock), time(nullptr) - 700));
   EXPECT_EQ(tryLock(dir_.path(), "write", 0), 0);
 
   // A directory lock left by a holder killed during its brief hold.
   korvel_test::writeFile(at(".deploy_lock.0"), "77");
-  ASSERT_TRUE(korvel_test::setMtime(at(".deploy_lock.0"), time(nullptr) - 30));
+  ASSERT_TRUE(korvel_test::setMtime(at(".deploy_lock.0"), time(nullptr) - 700));
   EXPECT_EQ(tryLock(dir_.path(), "write", 3000), 0);
 
-  // A dead reader's file goes too, once stale, but not before.
+  // A dead reader's file goes too, once watched for 15 s, but not before.
   pid_t reader = holder(dir_.path(), "read", at("reader.out"));
   kill(reader, SIGKILL);
   korvel_test::waitChild(reader);
   koDirectoryReadWriteLock rw(dir_.path());
   WriteLock writing = rw.getWriteLock();
-  EXPECT_FALSE(writing.acquire(500, TimeUnit::sMilliseconds())) << "a fresh file is not stale";
-  ASSERT_TRUE(korvel_test::setMtime(at(readLockFiles()[0]), time(nullptr) - 30));
+  EXPECT_FALSE(writing.acquire(1500, TimeUnit::sMilliseconds())) << "a fresh file is not stale";
+  korvel_test::advanceClock(13);
+  EXPECT_FALSE(writing.acquire(0, TimeUnit::sSeconds())) << "watched for 14.5 s, not more";
+  korvel_test::advanceClock(1);
   ASSERT_TRUE(writing.acquire(5, TimeUnit::sSeconds()));
   EXPECT_TRUE(readLockFiles().empty());
 
@@ -398,8 +555,24 @@ TEST_F(RwProcessTest, StandardLockInterfacesWork) {
   korvel_test::failUnder(Fault::kList, at(""), EACCES);
   EXPECT_THROW(std::unique_lock<koDirectoryReadWriteLock> refused(rw), std::system_error);
   korvel_test::clearHooks();
+  // A missing directory, or a file given as one: the system error of the
+  // standard interfaces, with the classic exception nested.
+  korvel_test::writeFile(at("file"), "");
+  for (const char* name : {"gone", "file"}) {
+    koDirectoryExclusiveLock missing(at(name), "missing");
+    koDirectoryReadWriteLock missingRw(at(name));
+    const int expected = std::string(name) == "gone" ? ENOENT : ENOTDIR;
+    for (int kind = 0; kind < 2; ++kind) {
+      try {
+        kind == 0 ? missing.lock() : missingRw.lock_shared();
+        ADD_FAILURE() << name << ": no exception";
+      } catch (const std::system_error& e) {
+        EXPECT_EQ(e.code().value(), expected) << name;
+        EXPECT_THROW(std::rethrow_if_nested(e), koNoSuchDirectory) << name;
+      }
+    }
+  }
   koDirectoryExclusiveLock gone(at("gone"), "gone");
-  EXPECT_THROW(gone.lock(), koNoSuchDirectory);
   ASSERT_EQ(mkdir(at("gone").c_str(), 0755), 0);
   {
     std::unique_lock<koDirectoryExclusiveLock> held(gone, std::chrono::seconds(5));
@@ -408,6 +581,124 @@ TEST_F(RwProcessTest, StandardLockInterfacesWork) {
   }  // unlock finds the directory gone, and says so without throwing
   std::unique_lock<koDirectoryReadWriteLock> writing(rw, std::chrono::seconds(5));
   EXPECT_TRUE(writing.owns_lock());
+}
+
+// A waiter's stale test stalls (a hung mount, a stopped process) while the
+// world moves on. When it resumes it acts on nothing that changed: not on a
+// file made afresh by a process that took the directory lock over, not on
+// a file refreshed meanwhile, not on a file at all once the directory lock
+// is no longer its own.
+TEST_F(RwProcessTest, AStalledJudgementActsOnNothingThatChanged) {
+  struct Case {
+    const char* what;
+    const char* other;  // the lock another process takes meanwhile
+    bool refreshed;     // the judged file is rewritten meanwhile
+  };
+  const Case cases[] = {{"a writer takes over", "write", false},
+                        {"its holder refreshes it", "", true},
+                        {"the directory lock is taken", "excl", false}};
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    korvel_test::clearHooks();
+    const std::string dir = at(std::to_string(n++));
+    const std::string judged = dir + "/" + kWriteLock;
+    const std::string out = dir + ".out";
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    korvel_test::writeFile(judged, "77");
+    ASSERT_TRUE(korvel_test::setMtime(judged, time(nullptr) - 700));
+    pid_t other = -1;
+    bool stalled = false;
+    // The stale test's fresh file: the write lock was looked at just before.
+    korvel_test::observeOpens([&](const char* path, int flags) {
+      const std::string p = path;
+      if (stalled || (flags & O_EXCL) == 0 || p.size() <= dir.size() + 2 ||
+          p.compare(0, dir.size() + 2, dir + "/.") != 0 || !isdigit(p[dir.size() + 2])) {
+        return;
+      }
+      stalled = true;
+      if (c.refreshed) korvel_test::writeFile(judged, "78");
+      if (*c.other == '\0') return;
+      // This process's directory lock looks long dead to the other one.
+      korvel_test::setMtime(dir + "/.deploy_lock.0", time(nullptr) - 700);
+      other = start({"hold", dir, c.other}, out);
+      EXPECT_TRUE(korvel_test::waitForFileText(out, "held\n", 20));
+      if (std::string(c.other) == "write") korvel_test::advanceClock(24);
+    });
+    koDirectoryReadWriteLock rw(dir);
+    EXPECT_FALSE(acquireWrite(rw, 1, TimeUnit::sSeconds()));
+    korvel_test::observeOpens(nullptr);
+    EXPECT_TRUE(stalled);
+    if (other < 0) {
+      EXPECT_EQ(readFile(judged), "78");
+      continue;
+    }
+    EXPECT_EQ(korvel_test::withoutTimes(readFile(out)), "held\n");
+    if (std::string(c.other) == "excl") {
+      EXPECT_EQ(readFile(judged), "77");
+    }
+    kill(other, SIGTERM);
+    EXPECT_EQ(korvel_test::waitChild(other), 0);
+    EXPECT_EQ(korvel_test::withoutTimes(readFile(out)), "held\nreleased 1\n")
+        << "the other holder's file was touched";
+  }
+}
+
+// File times that do not come from one steady server clock never decide
+// alone. A live holder in another process keeps its lock when the server's
+// clock steps forward (+20 s, +5 min) or when its client stamps its writes
+// 3 minutes slow; a dead holder whose client stamped 3 minutes fast or
+// slow is taken over by a present waiter after 15 s of watching.
+TEST_F(RwProcessTest, FileTimesThatAreNotOneSteadyServerClockNeverDecideAlone) {
+  struct Skew {
+    const char* what;
+    double seconds;
+    bool holderOnly;
+  };
+  const Skew live[] = {{"server clock +20 s", 20, false},
+                       {"server clock +5 min", 300, false},
+                       {"holder's client 3 min slow", -180, true}};
+  int n = 0;
+  for (const Skew& skew : live) {
+    SCOPED_TRACE(skew.what);
+    const std::string dir = at(std::to_string(n++));
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    const pid_t held = holder(dir, "excl", dir + ".out");
+    korvel_test::skewStamps(skew.holderOnly ? dir + "/.deploy_lock.0" : dir, skew.seconds,
+                            skew.holderOnly ? 0.0 : static_cast<double>(time(nullptr) + 1));
+    koDirectoryExclusiveLock waiter(dir, "waiter");
+    EXPECT_FALSE(waiter.acquire(2, TimeUnit::sSeconds(), true));
+    korvel_test::clearHooks();
+    kill(held, SIGTERM);
+    EXPECT_EQ(korvel_test::waitChild(held), 0);
+    EXPECT_EQ(korvel_test::withoutTimes(readFile(dir + ".out")), "held\nreleased 1\n");
+  }
+  for (const double seconds : {180.0, -180.0}) {
+    SCOPED_TRACE(seconds);
+    const std::string dir = at(std::to_string(n++));
+    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+    korvel_test::writeFile(dir + "/.deploy_lock.0", "4242");  // its holder is dead
+    korvel_test::skewStamps(dir + "/.deploy_lock.0", seconds);
+    std::atomic<bool> taken{false};
+    koDirectoryExclusiveLock waiter(dir, "waiter");
+    std::thread waiting([&] { taken = waiter.acquire(koForever, TimeUnit::sSeconds(), true); });
+    // Time passes for the waiter as it would, a little at a time (a jump
+    // would be a stop, which costs it its queue place).
+    auto pass = [](double seconds) {
+      for (double passed = 0; passed < seconds; passed += 0.25) {
+        korvel_test::advanceClock(0.25);
+        usleep(10000);
+      }
+    };
+    pass(14.5);
+    EXPECT_FALSE(taken) << "taken over before 15 s of watching";
+    pass(1.5);
+    EXPECT_TRUE(korvel_test::eventually([&] { return taken.load(); }, 1.0))
+        << "not taken over within 17.5 s";
+    waiting.join();
+    EXPECT_TRUE(waiter.release());
+    korvel_test::clearHooks();
+  }
 }
 
 }  // namespace

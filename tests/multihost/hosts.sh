@@ -30,54 +30,9 @@ declare -A ADDRESS=([a]=10.77.0.2 [b]=10.77.0.3)
 
 run=""
 id=""
-
-pidOf() { cat "$run/pid.$1" 2>/dev/null || true; }
-
-# Runs a command in the namespaces of node s, a or b.
-on() {
-  local node=$1
-  shift
-  local anchor
-  anchor=$(pidOf "anchor.$node")
-  [ -n "$anchor" ] || { echo "hosts.sh: no node $node in $run" >&2; return 1; }
-  nsenter -t "$anchor" -n -m -u -- "$@"
-}
-
-# A node: a network namespace, and a process that keeps a mount and UTS
-# namespace of its own open, to be entered with nsenter. It ends by itself
-# within the hour if everything else is killed without cleaning up.
-startNode() {
-  local node=$1
-  ip netns add "$id$node"
-  echo "$id$node" >>"$run/netns"
-  ip netns exec "$id$node" unshare --mount --uts --propagation private sleep 3600 >/dev/null 2>&1 &
-  echo $! >"$run/pid.anchor.$node"
-  local tries=0
-  until [ "$(readlink "/proc/$!/ns/mnt" 2>/dev/null)" != "$(readlink /proc/self/ns/mnt)" ] &&
-    [ "$(cat "/proc/$!/comm" 2>/dev/null)" = sleep ]; do
-    tries=$((tries + 1))
-    [ "$tries" -lt 500 ] || { echo "hosts.sh: node $node did not start" >&2; return 1; }
-    sleep 0.01
-  done
-  on "$node" hostname "mh-$node"
-  on "$node" ip link set lo up
-}
-
-waitFor() {  # waitFor SECONDS WHAT CMD...: polls CMD every 0.1 s
-  local limit=$(($1 * 10)) what=$2 tries=0
-  shift 2
-  until "$@" >/dev/null 2>&1; do
-    tries=$((tries + 1))
-    [ "$tries" -lt "$limit" ] || { echo "hosts.sh: $what" >&2; return 1; }
-    sleep 0.1
-  done
-}
-
-gone() {  # a process that has ended, or only waits to be reaped
-  local stat
-  stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 0
-  [ "$(echo "${stat##*) }" | cut -c1)" = Z ]
-}
+prefix=mh
+# shellcheck source=nodes.sh
+. "$(dirname "$0")/nodes.sh"
 
 up() {
   [ -z "$(ls -A "$run")" ] || { echo "hosts.sh: $run is not empty" >&2; return 1; }
@@ -140,24 +95,10 @@ down() {
   set +e
   [ -f "$run/id" ] || return 0
   id=$(cat "$run/id")
-  local pids=() more pid
   for host in a b; do
     [ -n "$(pidOf "anchor.$host")" ] && on "$host" umount -l "$run/shared" 2>/dev/null
   done
-  # Whatever still runs in the namespaces was started there by this run.
-  while read -r ns; do
-    mapfile -t more < <(ip netns pids "$ns" 2>/dev/null)
-    pids+=("${more[@]}")
-  done <"$run/netns"
-  for pid in "${pids[@]}" $(pidOf sshd) $(pidOf sshfs.a) $(pidOf sshfs.b); do
-    kill -KILL "$pid" 2>/dev/null
-  done
-  for pid in "${pids[@]}"; do
-    waitFor 5 "process $pid did not end" gone "$pid"
-  done
-  while read -r ns; do
-    ip netns del "$ns" 2>/dev/null
-  done <"$run/netns"
+  endNodes $(pidOf sshd) $(pidOf sshfs.a) $(pidOf sshfs.b)
   rm -f "$run"/pid.* "$run/id"
   return 0
 }

@@ -27,9 +27,10 @@ int waitChild(pid_t pid);
 // forkChild + waitChild.
 int runInChild(const std::function<int()>& body);
 
-// runInChild, as the unprivileged user kNobody when the test runs as root
-// (whom permissions do not bind); 90 when the switch fails.
-int runUnprivileged(const std::function<int()>& body);
+// runInChild, as the unprivileged user (kNobody unless told otherwise) when
+// the test runs as root, whom permissions do not bind; 90 when the switch
+// fails.
+int runUnprivileged(const std::function<int()>& body, uid_t user = kNobody);
 
 // Runs body in a child with its standard output and standard error captured;
 // returns the exit code and stores what was written (either may be null).

@@ -80,9 +80,9 @@ int runInChild(const std::function<int()>& body) {
   return waitChild(forkChild(body));
 }
 
-int runUnprivileged(const std::function<int()>& body) {
+int runUnprivileged(const std::function<int()>& body, uid_t user) {
   return runInChild([&] {
-    if (geteuid() == 0 && (setgid(kNobody) != 0 || setuid(kNobody) != 0)) return 90;
+    if (geteuid() == 0 && (setgid(user) != 0 || setuid(user) != 0)) return 90;
     return body();
   });
 }

@@ -1,15 +1,22 @@
 // Threads: the thread object, the basic and pooled factories, the clean-up
 // guard and the loop thread. The host's thread services below are real
 // POSIX threads, counted, and the creation of detached threads can be made
-// to fail.
+// to fail. The clock's reads are counted (a spinning hand-off reads it), and
+// the cgroup's CPU quota can be served from a file of the test's.
 #include "korvel/threads.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 
+#include <algorithm>
 #include <atomic>
 #include <boost/thread/mutex.hpp>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -24,8 +31,22 @@ std::atomic<int> joinableCreated{0};
 std::atomic<int> joined{0};
 std::atomic<bool> failDetached{false};
 std::atomic<void*> lastCreated{nullptr};
+std::atomic<int> clockReads{0};
+std::string cpuMaxFile;  // stands for /sys/fs/cgroup/cpu.max when not empty
 
 }  // namespace hooks
+
+extern "C" double hostMonotonic() {
+  ++hooks::clockReads;
+  return hostDefaultMonotonic();
+}
+
+extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
+  if (!hooks::cpuMaxFile.empty() && strcmp(path, "/sys/fs/cgroup/cpu.max") == 0) {
+    path = hooks::cpuMaxFile.c_str();
+  }
+  return hostDefaultOpen(path, flags, mode);
+}
 
 extern "C" int host_create_thread(korvel_host_thread_t* handle, korvel_thread_entry entry,
                                   void* argument) {
@@ -206,17 +227,71 @@ TEST(PooledThreadFactory, SurplusThreadsEndDuringRecycleUnlessTheLimitIsOff) {
   }
 }
 
-TEST(PooledThreadFactory, FailedPoolRefusesEveryRequest) {
-  hooks::failDetached = true;
+TEST(PooledThreadFactory, CleanUpThreadStartsWithTheFirstThreadTakenAndItsFailureIsFinal) {
+  const int joinedBefore = hooks::joined;
+  {
+    koPooledThreadFactory unused(2, 16);
+    EXPECT_EQ(detachedRunning, 0) << "no clean-up thread before a thread is taken";
+  }
+  EXPECT_EQ(hooks::joined - joinedBefore, 2) << "an unused factory ends its idle threads itself";
+
   koPooledThreadFactory pool(2, 16);
-  hooks::failDetached = false;
-  EXPECT_THROW(pool.recycle(nullptr), koThread::InvalidStateError);
+  hooks::failDetached = true;
   try {
     pool.createThread(&do_nothing);
-    ADD_FAILURE() << "a failed pool must throw";
+    ADD_FAILURE() << "a pool without its clean-up thread must throw";
   } catch (const koThread::InvalidStateError& e) {
     EXPECT_STREQ(e.what(), "The thread is in an invalid state: Thread pool failed to initialize");
   }
+  hooks::failDetached = false;
+  EXPECT_THROW(pool.createThread(&do_nothing), koThread::InvalidStateError) << "for good";
+  EXPECT_THROW(pool.recycle(nullptr), koThread::InvalidStateError);
+}
+
+// A hand-off spins only when the process may run on more than one processor
+// at once, by its affinity mask and its cgroup's CPU quota. The process
+// bound to one is this test binary again (a thread started after a fork is
+// beyond the thread sanitizer), told so by KORVEL_TEST_ONE_PROCESSOR.
+TEST(PooledThreadFactory, NeverSpinsOnOneUsableProcessor) {
+  if (getenv("KORVEL_TEST_ONE_PROCESSOR") != nullptr) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+    koPooledThreadFactory pool(1, 16);
+    int spinning = 0;
+    for (int i = 0; i < 200; ++i) {
+      const int reads = hooks::clockReads;
+      roundTrip(pool);
+      if (hooks::clockReads != reads) ++spinning;
+    }
+    EXPECT_EQ(spinning, 0) << "round trips that spun (a spin reads the clock)";
+    return;
+  }
+  cpu_set_t mask;
+  ASSERT_EQ(sched_getaffinity(0, sizeof mask, &mask), 0);
+  const int cpus = CPU_COUNT(&mask);
+  const struct {
+    const char* cpuMax;
+    int usable;
+  } cases[] = {{"max 100000\n", cpus},
+               {"150000 100000\n", 1},
+               {"50000 100000\n", 1},
+               {"250000 100000\n", std::min(cpus, 2)},
+               {nullptr, cpus}};  // no such file
+  hooks::cpuMaxFile = testing::TempDir() + "cpu.max";
+  for (const auto& c : cases) {
+    std::remove(hooks::cpuMaxFile.c_str());
+    if (c.cpuMax != nullptr) std::ofstream(hooks::cpuMaxFile) << c.cpuMax;
+    EXPECT_EQ(hostUsableProcessors(), c.usable) << (c.cpuMax ? c.cpuMax : "no cpu.max");
+  }
+  std::remove(hooks::cpuMaxFile.c_str());
+  hooks::cpuMaxFile.clear();
+
+  const pid_t child = korvel_test::spawn(
+      "/proc/self/exe", {"--gtest_filter=PooledThreadFactory.NeverSpinsOnOneUsableProcessor"},
+      {"KORVEL_TEST_ONE_PROCESSOR=1"});
+  EXPECT_EQ(korvel_test::waitChild(child), 0) << "the test bound to one processor failed";
 }
 
 TEST(PooledThreadFactory, DestructionNeverWaitsAndEndsEveryThread) {
@@ -334,9 +409,7 @@ TEST(LoopThread, WaitsCountWholeSecondsAndEndOnAStop) {
 
 TEST(LoopThread, BrokenLoopEndsAndAFailedPoolGivesStartError) {
   boost::timed_mutex mutex;
-  hooks::failDetached = true;
   koPooledThreadFactory failed(0, 16);
-  hooks::failDetached = false;
   koBasicThreadFactory factory;
   std::atomic<int> iterations{0};
   auto once = [&iterations](koSynchronizedLoopContext& ctx) {
@@ -351,7 +424,9 @@ TEST(LoopThread, BrokenLoopEndsAndAFailedPoolGivesStartError) {
   lock.lock();
   EXPECT_EQ(iterations, 1) << "breakLoop ends the loop";
   loop.stop(lock);
+  hooks::failDetached = true;  // the pool's clean-up thread cannot start
   EXPECT_THROW(unstartable.start(lock), koThread::StartError);
+  hooks::failDetached = false;
 }
 
 }  // namespace
