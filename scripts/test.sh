@@ -4,8 +4,9 @@
 # sources, with its compile commands), AddressSanitizer+UndefinedBehavior-
 # Sanitizer and ThreadSanitizer. Each build has its own folder under build/.
 # After the normal build, the current lock code is run against the lock code
-# of an earlier release; last, the multi-host stage and the GlusterFS stage,
-# where root, network namespaces and FUSE allow them.
+# of an earlier release, and the fault explorer runs 1,000 schedules; last,
+# the multi-host stage and the GlusterFS stage, where root, network
+# namespaces and FUSE allow them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh test
@@ -55,6 +56,13 @@ run normal
 tidy
 stage "interop with earlier lock code"
 tests/interop/run.sh build/normal/tests/lock_child build/interop
+# The fault explorer: 1,000 schedules of every fault, about 1 minute on 2
+# cores. It finds the known overlaps of today's stale rule; until they are
+# fixed its verdict is shown but does not fail the run (explorer_gate=1 then).
+stage "fault explorer"
+explorer_gate=0
+scripts/explore.sh --schedules 1000 --jobs 4 >build/explorer.log 2>&1 || [ "${explorer_gate}" = 0 ]
+tail -n 4 build/explorer.log
 run asan -DKORVEL_SANITIZE=address -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF
 run tsan -DKORVEL_SANITIZE=thread -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF
 stage multihost

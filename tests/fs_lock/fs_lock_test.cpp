@@ -452,61 +452,6 @@ class LockProcessTest : public FsLockTest {
   }
 };
 
-TEST_F(LockProcessTest, ProcessesNeverOverlapAndNoUpdateIsLost) {
-  const int processes = 4;
-  const int rounds = 100;
-  std::vector<pid_t> pids;
-  for (int i = 0; i < processes; ++i) {
-    pids.push_back(start({"count", dir_.path(), std::to_string(rounds)}, at("count.out")));
-    ASSERT_GT(pids.back(), 0);
-  }
-  for (pid_t pid : pids) EXPECT_EQ(korvel_test::waitChild(pid), 0) << "overlaps or failures";
-  EXPECT_EQ(readFile(at("counter")), std::to_string(processes * rounds));
-  EXPECT_EQ(entries(dir_.path()), (std::set<std::string>{"counter", "count.out"}));
-}
-
-// A holder stopped past the stale time is taken over; when it resumes it
-// learns of its loss, and neither rewrites nor removes the new holder's
-// file.
-TEST_F(LockProcessTest, HoldersLearnOfTheirLossAndLeaveTheNewHolderAlone) {
-  const std::string kinds[] = {"excl", "write"};
-  const std::string files[] = {"/.deploy_lock.0", "/.deploy_write_lock"};
-  pid_t stopped[2];
-  std::unique_ptr<koDirectoryExclusiveLock> exclusive;
-  std::unique_ptr<koDirectoryReadWriteLock> rw;
-  std::unique_ptr<koDirectoryReadWriteLock::WriteLock> writing;
-  for (int i = 0; i < 2; ++i) {
-    const std::string dir = at(kinds[i]);
-    ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-    stopped[i] = holder(dir, kinds[i], at(kinds[i] + ".out"));
-    kill(stopped[i], SIGSTOP);
-    ASSERT_TRUE(korvel_test::setMtime(dir + files[i], time(nullptr) - 700));
-  }
-  // The new holders do not refresh, so their files keep their numbers.
-  exclusive.reset(new koDirectoryExclusiveLock(at("excl"), "new"));
-  ASSERT_TRUE(exclusive->acquire(5, TimeUnit::sSeconds(), true));
-  rw.reset(new koDirectoryReadWriteLock(at("write")));
-  writing.reset(new koDirectoryReadWriteLock::WriteLock(rw->getWriteLock()));
-  ASSERT_TRUE(writing->acquire(5, TimeUnit::sSeconds(), true));
-  const std::string taken[] = {readFile(at("excl") + files[0]), readFile(at("write") + files[1])};
-
-  for (int i = 0; i < 2; ++i) {
-    kill(stopped[i], SIGCONT);
-    EXPECT_TRUE(korvel_test::waitForFileText(at(kinds[i] + ".out"), "held\nlost\n", 8))
-        << kinds[i] << " holder never noticed";
-    kill(stopped[i], SIGTERM);
-    EXPECT_EQ(korvel_test::waitChild(stopped[i]), 0);
-    EXPECT_EQ(korvel_test::withoutTimes(readFile(at(kinds[i] + ".out"))),
-              "held\nlost\nreleased 0\n");
-    EXPECT_EQ(readFile(at(kinds[i]) + files[i]), taken[i]) << "the new holder's file was touched";
-    EXPECT_EQ(tryLock(at(kinds[i]), kinds[i], 300), 1) << "a third holder got in";
-  }
-  EXPECT_FALSE(exclusive->lost());
-  EXPECT_FALSE(writing->lost());
-  EXPECT_TRUE(exclusive->release(koForever, TimeUnit::sSeconds()));
-  EXPECT_TRUE(writing->release(koForever, TimeUnit::sSeconds()));
-}
-
 // On one host the kernel can tell more than the files: a waiter is woken
 // when the level below goes, not at its next poll (here made 10 s long),
 // and a holder that died is known dead at once (its registration is no

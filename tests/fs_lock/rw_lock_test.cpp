@@ -476,21 +476,6 @@ TEST_F(RwProcessTest, ReadersShareTheDirectoryAndKeepWritersOut) {
   EXPECT_TRUE(entries(dir).empty());
 }
 
-TEST_F(RwProcessTest, WritersNeverOverlapAnyoneAndNoUpdateIsLost) {
-  const std::string locks = at("locks");
-  const std::string work = at("work");
-  ASSERT_EQ(mkdir(locks.c_str(), 0755), 0);
-  ASSERT_EQ(mkdir(work.c_str(), 0755), 0);
-  std::vector<pid_t> pids;
-  for (int i = 0; i < 4; ++i) {
-    pids.push_back(start({"rw-mix", locks, work, "220", std::to_string(i + 1)}, at("mix.out")));
-  }
-  for (pid_t pid : pids) EXPECT_EQ(korvel_test::waitChild(pid), 0) << "overlaps or failures";
-  const std::string counter = readFile(work + "/counter");
-  EXPECT_GT(atoi(counter.c_str()), 0) << "writers took part";
-  EXPECT_TRUE(entries(locks).empty()) << "every lock file removed";
-}
-
 // Finite waits keep trying until their deadline, stale test included.
 TEST_F(RwProcessTest, FiniteWaitsRideOutContentionAndBreakStaleLocks) {
   std::vector<pid_t> writers;
