@@ -15,7 +15,7 @@
 #   KORVEL_BENCH_DEAD_HOLDER=0 skips the dead holder, which takes 15-20 s today)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+scripts/install-deps.sh test
 if ! command -v strace >/dev/null; then
   sudo=""
   [ "$(id -u)" -eq 0 ] || sudo="sudo"

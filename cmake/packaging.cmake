@@ -51,7 +51,8 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${KORVEL_PACKAGE_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# korvel-lock links libkorvel.so.N from the library package being built.
+# Where dpkg-shlibdeps finds libkorvel.so.N of the library package being
+# built; korvel-lock carries the library's objects itself.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_CURRENT_BINARY_DIR})
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
@@ -85,7 +86,6 @@ This package holds the headers, the CMake package (korvel::korvel) and
 the pkg-config file (korvel).")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
-set(CPACK_COMPONENT_TOOL_DEPENDS library)
 set(CPACK_COMPONENT_TOOL_DESCRIPTION
     "run a command under a directory lock shared across hosts
 korvel-lock takes the read or write side of a directory's lock, runs a

@@ -20,7 +20,7 @@ export -f say
 showStatus() {
   local code=0
   "$tool" --status "$dir" | sed 's/^/  /' || code=${PIPESTATUS[0]}
-  echo "  (exit status $code: 0 no live lock, 1 a live lock, 2 only stale files)"
+  echo "  (exit status $code: 0 no live lock, 1 a live lock, 2 only stale files, 3 a foreign object)"
 }
 
 echo "== Three writers (exclusive) and three readers (shared) start at once on"

@@ -4,11 +4,13 @@
 # through the korvel-lock tool.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# Only what it builds and runs with: the tests' packages are test.sh's.
 scripts/install-deps.sh
-cmake -S . -B build/normal -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build/normal -j "$(nproc)"
+cmake -S . -B build/demo -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVEL_BUILD_TESTS=OFF \
+  -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_FUZZ=OFF >/dev/null
+cmake --build build/demo -j "$(nproc)"
 work=$(mktemp -d /tmp/korvel_demo.XXXXXX)
 trap 'rm -rf "$work"' EXIT
-build/normal/examples/korvel_demo "$work"
+build/demo/examples/korvel_demo "$work"
 echo
-scripts/demo-contention.sh build/normal/tools/korvel-lock
+scripts/demo-contention.sh build/demo/tools/korvel-lock

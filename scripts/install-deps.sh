@@ -1,16 +1,22 @@
 #!/usr/bin/env bash
-# Installs, from Debian packages, whatever the build and the tests need and
-# the machine lacks. Safe to run again; needs root (or sudo) only when
-# something is missing. With the argument "multihost": what the multi-host
-# stage needs instead (namespaces, an SFTP server, sshfs, a clock skewer);
-# with "glusterfs": what the GlusterFS stage needs (namespaces, the servers
-# and the FUSE client, a clock skewer).
+# Installs, from Debian packages, what the machine lacks for one purpose.
+# Safe to run again; needs root (or sudo) only when something is missing.
+#   install-deps.sh            building the library and korvel-lock, and the
+#                              demonstration (the manual page needs groff)
+#   install-deps.sh test       that, and the tests, benchmarks, formatting,
+#                              clang-tidy and the Debian packages' checks
+#   install-deps.sh multihost  the multi-host stage (namespaces, an SFTP
+#                              server, sshfs, a clock skewer)
+#   install-deps.sh glusterfs  the GlusterFS stage (namespaces, the servers
+#                              and the FUSE client, a clock skewer)
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config libboost-thread-dev libgtest-dev libgmock-dev
-          libbenchmark-dev clang-format clang-tidy
-          groff-base dpkg-dev lintian)  # korvel-lock's manual page; the Debian packages
+packages=(cmake ninja-build g++ pkg-config libboost-thread-dev groff-base)
 case "${1:-}" in
+  test)
+    packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
+               dpkg-dev lintian)  # dpkg-dev and lintian: the Debian packages
+    ;;
   multihost) packages=(iproute2 openssh-server sshfs libfaketime) ;;
   glusterfs) packages=(iproute2 glusterfs-server glusterfs-client libfaketime) ;;
 esac

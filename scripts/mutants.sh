@@ -95,10 +95,25 @@ watching_on_the_wall_clock | fs_lock/stale_test.cpp | const double watched = hos
 
 # ---- korvel-lock ----
 tool_timeout_status | tools/korvel_lock.cpp | constexpr int kDefaultConflict = 75; | constexpr int kDefaultConflict = 1; | @tool
-tool_status_stale_rule | tools/lock_files.cpp | return ageOf(file, now) > korvel_protocol::kStaleSeconds; | return ageOf(file, now) > 4 * korvel_protocol::kStaleSeconds; | @tool
-tool_signal_not_passed_on | tools/korvel_lock.cpp | kill(child, signal); | (void)signal; | @tool
+tool_status_stale_rule | tools/lock_files.cpp | ageOf(file, now) > korvel_protocol::kStaleSeconds; | ageOf(file, now) > 4 * korvel_protocol::kStaleSeconds; | @tool
+tool_signal_not_passed_on | tools/korvel_lock.cpp | kill(-child, signal); | (void)signal; | @tool
 tool_lost_lock_ignored | tools/korvel_lock.cpp | if (lockLost && !o.ignoreLoss && !commandTerminated) { | if (false) { | @tool
-
+tool_terminal_not_handed_over | tools/korvel_lock.cpp | const bool foreground = tty >= 0 && tcgetpgrp(tty) == getpgrp(); | const bool foreground = false; | @tool
+tool_parent_death_sends_term | tools/korvel_lock.cpp | prctl(PR_SET_PDEATHSIG, SIGKILL); | prctl(PR_SET_PDEATHSIG, SIGTERM); | @tool
+tool_does_not_stop_with_its_job | tools/korvel_lock.cpp | kill(getpid(), SIGSTOP); | | @tool
+tool_continued_alone | tools/korvel_lock.cpp | tcsetpgrp(tty, group);\n  kill(-group, SIGCONT);\n} | tcsetpgrp(tty, group);\n} | @tool
+tool_signal_waits_for_the_library | tools/korvel_lock.cpp | if (a.state != Attempt::State::kHeld) { | if (false) { | KorvelLockTest\.Ending
+tool_overrun_waited_for | tools/korvel_lock.cpp | if (deadline >= 0 && now > deadline + kOverrunSeconds) { | if (false) { | KorvelLockTest\.AForeign
+tool_obstacle_not_told | tools/korvel_lock.cpp | if (!a.obstacle.empty() && !obstacleShown) { | if (false) { | @tool
+tool_foreign_taken_for_a_file | tools/lock_files.cpp | file->foreign = type == S_IFREG    ? nullptr | file->foreign = true ? nullptr | @tool
+tool_short_digit_names_cleaned | tools/lock_files.cpp | name.size() > kStaleTestDigits && | name.size() > 1 && | @tool
+tool_unlistable_directory_free | tools/lock_files.cpp | *what = "cannot list it";\n    return false; | return true; | @tool
+tool_removal_failure_silent | tools/korvel_lock.cpp | } else if (errno != 0) { | } else if (false) { | @tool
+tool_force_not_needed | tools/korvel_lock.cpp | if (o.force) { | if (true) { | @tool
+tool_unbreakable_stale_refuses | tools/korvel_lock.cpp | (unbreakable && (error == EACCES \|\| error == EPERM)) | false | @tool
+tool_sticky_bit_ignored | tools/lock_files.cpp | return (st.st_mode & S_ISVTX) == 0 \|\| file.owner == geteuid() \|\| st.st_uid == geteuid(); | return true; | @tool
+tool_release_failure_not_a_loss | tools/korvel_lock.cpp | if (!lock.lost() && cause.empty()) { | if (!lock.lost()) { | @tool
+tool_full_file_system_refuses | tools/korvel_lock.cpp | return error == ENOSPC \|\| | return error == ENOMEM \|\| | KorvelLockTest\.AFull
 # ---- Path strings and buffers ----
 append_bounded_off_by_one | paths/path_strings.cpp | size_t n = strnlen(src, dstSize - 1 - used); | size_t n = strnlen(src, dstSize - used); | @paths
 collapse_reads_past_n | paths/path_strings.cpp | while (len < n && r[len] != '\0' && r[len] != '/') ++len; | while (len <= n && r[len] != '\0' && r[len] != '/') ++len; | @paths

@@ -9,7 +9,7 @@
 # namespaces and FUSE allow them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/install-deps.sh
+scripts/install-deps.sh test
 
 # The folders clang-tidy checks, headers included.
 tidy_dirs=(host paths threads ipc fs_lock tools include)

@@ -2,7 +2,7 @@
 //
 //   signal_recorder RECORD READY
 //
-// Appends one byte to RECORD per SIGINT, SIGTERM or SIGHUP it receives:
+// Appends one byte to RECORD per SIGINT, SIGTERM, SIGHUP or SIGQUIT it gets:
 // 'k' when the kernel sent it (the terminal), 'u' when a process did.
 // Creates READY once its handlers are in place. Exits 0 half a second
 // after the first signal, so that a second one has time to arrive, or
@@ -32,7 +32,7 @@ int main(int argc, char** argv) {
   struct sigaction action = {};
   action.sa_sigaction = record;
   action.sa_flags = SA_SIGINFO;
-  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(signal, &action, nullptr);
   close(open(argv[2], O_WRONLY | O_CREAT, 0644));
   for (int i = 0; i < 2000 && received == 0; ++i) usleep(10000);
   for (int i = 0; i < 50; ++i) usleep(10000);
