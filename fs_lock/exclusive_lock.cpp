@@ -220,7 +220,7 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
     }
     switch (act) {
       case Act::kDone:
-        judge_.forget(stale.path());
+        judge_.forget(stale);
         moveDown(written, start, 0);
         return Step::kDown;
       case Act::kNotEntitled:

@@ -152,10 +152,7 @@ Act koStaleLockRemover::removeStaleFile(const Judgement& stale, const Entitled& 
   while ((act = stale.remove(entitled)) == Act::kError && !isRefusal(errno) && !patience.passed()) {
     sleepWithin(1, patience);
   }
-  if (act == Act::kDone) {
-    Sightings().forget(stale.state());
-    forget(stale.path());
-  }
+  if (act == Act::kDone) forget(stale);
   if (act != Act::kError || !warned->insert(stale.path()).second) return act;
   const int error = errno;
   // Once per file, not once per poll: its owner can remove it, or root.
@@ -166,8 +163,10 @@ Act koStaleLockRemover::removeStaleFile(const Judgement& stale, const Entitled& 
   return act;
 }
 
-void koStaleLockRemover::forget(const std::string& lockFile) {
-  sightings_.erase(lockFile);
+void koStaleLockRemover::forget(const Judgement& acted) {
+  sightings_.erase(acted.path());
+  Sightings().forget(acted.state());
+  korvel_detail::forgetEndedHolder(acted.state());
 }
 
 double koStaleLockRemover::watchedFor(const std::string& lockFile) const {

@@ -49,8 +49,9 @@ class koStaleLockRemover {
   // on the warning channel once per set of warned names (the remover's
   // own, unless given a longer-lived one).
   Act removeStaleFile(const Judgement& stale, const Entitled& entitled);
-  // What was judged is acted on: its sighting is over.
-  void forget(const std::string& lockFile);
+  // What was judged is acted on (removed or taken over): its sighting, this
+  // host's record of it and its ended holder's registration are over.
+  void forget(const Judgement& acted);
   // How long lockFile has been seen as it was at its last judgement.
   double watchedFor(const std::string& lockFile) const;
   // Leaves what was seen of files that stood still in this host's record,

@@ -203,28 +203,49 @@ void Registration::update(const FileState& written) {
   }
 }
 
-bool holderEnded(const FileState& state) {
+namespace {
+
+// Opens state's registration, in *fd, when it is trusted and nobody keeps
+// it locked: its holder has ended.
+bool endedRegistration(const FileState& state, std::string* name, int* fd) {
   if (!state.hasNumber) return false;
   const std::string dir = registry();
   if (dir.empty()) return false;
-  const std::string name = registrationName(dir, state);
-  const int fd = hostOpen(name.c_str(), O_RDONLY | kPrivate, 0);
-  if (fd < 0) return false;
+  *name = registrationName(dir, state);
+  *fd = hostOpen(name->c_str(), O_RDONLY | kPrivate, 0);
+  if (*fd < 0) return false;
   struct stat st;
   char text[96];
-  const ssize_t n = hostPread(fd, text, sizeof text - 1, 0);
+  const ssize_t n = hostPread(*fd, text, sizeof text - 1, 0);
   text[n > 0 ? n : 0] = '\0';
   struct flock lock = {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
   // Only the lock file's owner, or root, speaks for its holder.
-  const bool ended = hostFstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+  const bool ended = hostFstat(*fd, &st) == 0 && S_ISREG(st.st_mode) &&
                      (st.st_uid == state.owner || st.st_uid == 0) &&
                      registrationText(state) == text &&
-                     hostLockControl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type == F_UNLCK;
-  hostClose(fd);
-  if (ended) hostUnlink(name.c_str());  // its holder cannot any more
+                     hostLockControl(*fd, F_OFD_GETLK, &lock) == 0 && lock.l_type == F_UNLCK;
+  if (!ended) hostClose(*fd);
   return ended;
+}
+
+}  // namespace
+
+bool holderEnded(const FileState& state) {
+  std::string name;
+  int fd = -1;
+  if (!endedRegistration(state, &name, &fd)) return false;
+  hostClose(fd);
+  return true;
+}
+
+void forgetEndedHolder(const FileState& state) {
+  std::string name;
+  int fd = -1;
+  if (!endedRegistration(state, &name, &fd)) return;
+  hostUnlink(name.c_str());
+  hostClose(fd);
 }
 
 void keepRegistrationsAcrossExec(bool keep) {

@@ -65,7 +65,10 @@ class Registration {
 // Positive evidence that state, a lock file's, belongs to a holder of this
 // host that has ended: a trusted registration of it that nobody keeps
 // locked any more. False when nothing is known.
+// The evidence stays until the file is gone: forgetEndedHolder, by whoever
+// removed or took over the file.
 bool holderEnded(const FileState& state);
+void forgetEndedHolder(const FileState& state);
 
 // Whether registrations made from now on stay open across exec(), so that a
 // command that a holder runs keeps the registration alive (korvel-lock: the

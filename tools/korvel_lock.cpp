@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "fs_lock/protocol.h"
+#include "fs_lock/this_host.h"
 #include "host/host.h"
 #include "korvel/fs_lock.h"
 #include "korvel/version.h"
@@ -827,12 +828,19 @@ int showStatus(const Options& o) {
   bool live = false;
   bool stale = false;
   bool foreign = false;
+  // Dead: its holder on this host is known to have ended, or it is long
+  // dead; stale: it looks left by a dead process, by the server's clock.
+  const std::vector<Judgement> dead = korvel_tool::confirmDead(o.directory, files, now, 0);
   for (const LockFile& file : files) {
-    const bool isStale = korvel_tool::isStale(file, now);
+    const bool isDead = korvel_tool::judgementOf(dead, o.directory, file) != nullptr;
+    const bool isStale = isDead || korvel_tool::isStale(file, now);
     stale = stale || isStale;
     foreign = foreign || file.foreign != nullptr;
     live = live || (!isStale && file.foreign == nullptr && korvel_tool::isHolder(file.kind));
-    const char* state = file.foreign != nullptr ? "foreign" : isStale ? "stale" : "live";
+    const char* state = file.foreign != nullptr ? "foreign"
+                        : isDead                ? "dead"
+                        : isStale               ? "stale"
+                                                : "live";
     if (o.json) {
       printf("{\"name\":%s,\"kind\":\"%s\",\"type\":\"%s\",\"age\":%.0f,\"state\":\"%s\"}\n",
              jsonString(file.name).c_str(), korvel_tool::jsonKind(file.kind), file.type,
@@ -864,8 +872,11 @@ int clean(const Options& o) {
     return "it belongs to user " + owner + "; " + (owner == "root" ? "" : owner + " or ") +
            "root can remove it";
   };
+  std::vector<Judgement> dead;
   const auto remove = [&](const LockFile& file, time_t at) {
     if (korvel_tool::removeIfUnchanged(o.directory, file)) {
+      const Judgement* judged = korvel_tool::judgementOf(dead, o.directory, file);
+      if (judged != nullptr) korvel_tool::forgetRemoved(*judged);
       printf("removed %s (%s, %.0f s old)\n", file.name.c_str(),
              korvel_tool::describe(file).c_str(), korvel_tool::ageOf(file, at));
       ++removed;
@@ -876,9 +887,26 @@ int clean(const Options& o) {
                                                  : std::string()));
     }
   };
-  // Queue places, stale-test files and probes belong to nobody once stale;
+  // Only what the lock's own rule finds dead goes: a file that merely looks
+  // stale by the server's clock is watched until it has stood still for a
+  // lease (unless -n), since its times may come from a skewed clock.
+  const bool watch = !(o.timed && o.waitSeconds == 0);
+  if (watch && std::any_of(files.begin(), files.end(), [&](const LockFile& file) {
+        return korvel_tool::isStale(file, now) && korvel_tool::isHolder(file.kind);
+      })) {
+    say(o, "watching the lock files that look stale for up to %g s",
+        korvel_protocol::kObservationSeconds);
+  }
+  dead = korvel_tool::confirmDead(o.directory, files, now,
+                                  watch ? korvel_protocol::kObservationSeconds + 0.5 : 0);
+  const auto isDead = [&](const LockFile& file) {
+    return file.kind == Kind::kStaleTest || file.kind == Kind::kProbe
+               ? korvel_tool::isStale(file, now)
+               : korvel_tool::judgementOf(dead, o.directory, file) != nullptr;
+  };
+  // Queue places, stale-test files and probes belong to nobody once dead;
   // foreign objects go only when asked for.
-  std::vector<const LockFile*> locked;  // stale read and write lock files
+  std::vector<const LockFile*> locked;  // dead read and write lock files
   const LockFile* staleLevel0 = nullptr;
   bool level0Blocked = false;
   for (const LockFile& file : files) {
@@ -891,7 +919,7 @@ int clean(const Options& o) {
         foreignLeft = true;
         level0Blocked = level0Blocked || file.kind == Kind::kDirectory;
       }
-    } else if (!korvel_tool::isStale(file, now)) {
+    } else if (!isDead(file)) {
       continue;
     } else if (file.kind == Kind::kQueue || file.kind == Kind::kStaleTest ||
                file.kind == Kind::kProbe) {
@@ -953,6 +981,10 @@ int main(int argc, char** argv) {
       case Mode::kRun:
         break;
     }
+    // The command counts as the holder: it keeps the lock's registration on
+    // this host alive, so that a korvel-lock killed while its command runs
+    // on is not taken for a dead holder.
+    korvel_detail::keepRegistrationsAcrossExec(true);
     blockSignals();
     const int status = lockAndRun(o);
     // The lock is released; the library's idle threads and pools need no

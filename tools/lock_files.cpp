@@ -12,6 +12,8 @@
 #include <cstring>
 
 #include "fs_lock/protocol.h"
+#include "fs_lock/stale_test.h"
+#include "host/host.h"
 
 namespace korvel_tool {
 namespace {
@@ -158,6 +160,54 @@ double ageOf(const LockFile& file, time_t now) {
 // Whole seconds of the server's clock on both sides, as the library judges.
 bool isStale(const LockFile& file, time_t now) {
   return file.foreign == nullptr && ageOf(file, now) > korvel_protocol::kStaleSeconds;
+}
+
+std::vector<Judgement> confirmDead(const std::string& directory, const std::vector<LockFile>& files,
+                                   time_t now, double watch) {
+  koStaleLockRemover judge;
+  std::vector<Judgement> dead;
+  std::vector<const LockFile*> pending;
+  for (const LockFile& file : files) {
+    if (file.foreign == nullptr && file.kind != Kind::kStaleTest && file.kind != Kind::kProbe) {
+      pending.push_back(&file);
+    }
+  }
+  const double until = hostMonotonic() + watch;
+  for (bool first = true; !pending.empty(); first = false) {
+    std::vector<const LockFile*> still;
+    for (const LockFile* file : pending) {
+      FileState seen;
+      const std::string path = directory + "/" + file->name;
+      switch (judge.judge(path, &seen)) {
+        case koStaleLockRemover::Verdict::kStale:
+          dead.emplace_back(path, seen);
+          break;
+        case koStaleLockRemover::Verdict::kLive:
+          // Only a file that looks stale is worth watching.
+          if (isStale(*file, now) && (first || seen.inode == file->inode)) still.push_back(file);
+          break;
+        default:
+          break;
+      }
+    }
+    pending.swap(still);
+    if (pending.empty() || hostMonotonic() >= until) break;
+    hostSleepMilliseconds(100);
+  }
+  judge.remember();
+  return dead;
+}
+
+const Judgement* judgementOf(const std::vector<Judgement>& judged, const std::string& directory,
+                             const LockFile& file) {
+  for (const Judgement& j : judged) {
+    if (j.path() == directory + "/" + file.name) return &j;
+  }
+  return nullptr;
+}
+
+void forgetRemoved(const Judgement& dead) {
+  koStaleLockRemover().forget(dead);
 }
 
 bool isHolder(Kind kind) {

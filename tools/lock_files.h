@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "fs_lock/lock_file.h"
+
 namespace korvel_tool {
 
 enum class Kind {
@@ -55,9 +57,22 @@ bool listLockFiles(const std::string& directory, std::vector<LockFile>* files, s
 bool serverNow(const std::string& directory, time_t* now);
 
 double ageOf(const LockFile& file, time_t now);
-// The tool's one rule for "left by a dead process". Never true of a foreign
-// object, which nobody judges.
+// Whether a file looks left by a dead process: older than the stale time-out
+// by the file server's clock. Never true of a foreign object, which nobody
+// judges. Only a look: what may be removed is decided by confirmDead.
 bool isStale(const LockFile& file, time_t now);
+// The files whose holders are dead by the lock's own rule (the library's
+// stale test), as judged: a holder on this host known to have ended, a file
+// long dead by the server's clock, or one this host has seen unchanged for
+// longer than a lease. Files that look stale are watched for up to `watch`
+// seconds; the others only judged once.
+std::vector<Judgement> confirmDead(const std::string& directory, const std::vector<LockFile>& files,
+                                   time_t now, double watch);
+// file's judgement among judged, or null.
+const Judgement* judgementOf(const std::vector<Judgement>& judged, const std::string& directory,
+                             const LockFile& file);
+// A file confirmed dead was removed: what this host kept of it goes too.
+void forgetRemoved(const Judgement& dead);
 // Holds a lock (write, read, or the directory lock), as opposed to queueing
 // for one or being left over.
 bool isHolder(Kind kind);

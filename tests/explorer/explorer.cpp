@@ -189,8 +189,9 @@ class Run {
 
   void wait() {
     // Time enough for a loaded machine, where host time runs on while a
-    // contender waits for a core.
-    const long long giveUp = realAt(s_.end + 10) + 2000000000LL;
+    // contender waits for a core: seconds of it, as a real hang costs only
+    // this wait.
+    const long long giveUp = realAt(s_.end + 10) + 10000000000LL;
     for (bool running = true; running;) {
       running = false;
       for (int p = 0; p < s_.processes; ++p) {

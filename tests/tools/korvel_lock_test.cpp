@@ -359,6 +359,23 @@ TEST_F(KorvelLockTest, EndingKorvelLockEndsItsWaitOrItsCommand) {
     EXPECT_TRUE(eventually([&] { return ended(command); }, 10)) << "the command outlived the lock";
   }
   EXPECT_EQ(names(), Names{".deploy_write_lock"}) << "only the killed run's file stays";
+  // Its holder has ended, on this host: known dead, cleaned at once.
+  EXPECT_NE(run({"--status", locked()}).out.find("dead"), std::string::npos);
+  EXPECT_EQ(run({"--clean", "-n", locked()}).status, 0);
+  EXPECT_EQ(names(), Names{});
+
+  // The command counts as the holder: while what it started runs on, a
+  // korvel-lock killed alone is not taken for a dead holder.
+  unlink(work("pid").c_str());
+  const pid_t tool =
+      start({locked(), "-c", "sleep 30 & echo $! > '" + work("pid") + "'; wait"}, "orphaned");
+  const pid_t orphan = commandPid();
+  kill(tool, SIGKILL);
+  korvel_test::waitChild(tool);
+  EXPECT_EQ(run({"-n", locked(), "true"}).status, 75) << "taken over while its command ran";
+  kill(orphan, SIGKILL);
+  EXPECT_TRUE(eventually([&] { return ended(orphan); }, 5));
+  EXPECT_EQ(run({"-n", locked(), "true"}).status, 0) << "its last process ended";
 }
 
 // A holder that loses its lock exits with 76 whatever the cause, saying
@@ -463,7 +480,7 @@ struct Planted {
   std::string type = "file";
 };
 
-TEST_F(KorvelLockTest, StatusTellsLiveLocksStaleFilesAndForeignObjects) {
+TEST_F(KorvelLockTest, StatusTellsLiveLocksDeadAndStaleFilesAndForeignObjects) {
   struct Case {
     std::vector<Planted> files;
     int status;  // 0 nothing live, 1 a live lock, 2 only stale files, 3 a foreign object
@@ -486,7 +503,12 @@ TEST_F(KorvelLockTest, StatusTellsLiveLocksStaleFilesAndForeignObjects) {
     for (const Planted& f : c.files) {
       plant(locked() + "/" + f.name, f.age, f.type);
       made.insert(f.name);
-      const std::string state = f.type != "file" ? "foreign" : f.age > 15 ? "stale" : "live";
+      // Long dead by the lock's own rule; only stale-looking by the clock.
+      const bool dead = f.age > 600 && f.kind != "stale-test" && f.kind != "probe";
+      const std::string state = f.type != "file" ? "foreign"
+                                : dead           ? "dead"
+                                : f.age > 15     ? "stale"
+                                                 : "live";
       if (!f.kind.empty()) {
         lines[f.name] = "{\"name\":\"" + f.name + "\",\"kind\":\"" + f.kind + "\",\"type\":\"" +
                         f.type + "\",\"age\":_,\"state\":\"" + state + "\"}\n";
