@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <climits>
 #include <new>
-#include <sstream>
 #include <vector>
 
 #include "fs_lock/watch.h"
@@ -35,18 +34,35 @@ constexpr int kSweptGaps = 2;
 const double koDirectoryExclusiveLock::STALE_TIMEOUT_SEC = korvel_protocol::kStaleSeconds;
 
 // Keeps ".deploy_lock.0" fresh while the lock is held: a rewrite every 5 s,
-// after the wait (the file was just written), retried for up to 2.5 s when
-// it fails. Runs with processMutex_ held, which the waits release.
+// retried for up to 2.5 s when it fails. Runs with processMutex_ held, which
+// the waits release. After a release the thread lingers for a period, so
+// that a holder taking the lock again soon (the common case under
+// contention) needs no new thread and no handshake with one; then it ends.
+// Nothing wakes it: a holding that begins while it waits is refreshed when
+// the wait ends, at most a period after it began.
 class koDirectoryExclusiveLock::Impl::RefreshLoop {
  public:
   explicit RefreshLoop(Impl* owner) : owner_(owner) {}
 
   void operator()(koSynchronizedLoopContext& context) const {
-    if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping
+    Impl& o = *owner_;
+    const double period = kRefreshPeriodMs / 1000.0;
+    if (!o.refreshWanted_) {
+      if (o.refreshLingered_) {
+        o.refreshEnded_ = true;
+        context.breakLoop();
+      }
+      o.refreshLingered_ = true;
+      LoopWait::waitFor(context, period);
+      return;
+    }
+    if (!o.refreshLingered_ && LoopWait::waitFor(context, period)) return;  // stopping
+    o.refreshLingered_ = false;
+    if (!o.refreshWanted_) return;  // released meanwhile
     verboseLog << "Touching lock file..." << std::endl;
-    Holdings failed = refreshOnce({owner_->holding_}, owner_->numbers_);
+    Holdings failed = refreshOnce({o.holding_}, o.numbers_);
     if (failed.empty()) verboseLog << "Lock successfully refreshed" << std::endl;
-    retryRefresh(std::move(failed), owner_->numbers_, context);
+    retryRefresh(std::move(failed), o.numbers_, context);
   }
 
  private:
@@ -78,7 +94,7 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
       if (!joinQueue()) return false;
       if (level_ > 0 && !singleAttempt_) {
         if (deadline_.passed()) return giveUp(ETIMEDOUT);
-        sleepWithin(kPollMs, deadline_);
+        pause();
       }
       if (walkDown()) {
         // Stopped since level 0 became ours: it may be somebody else's now.
@@ -97,11 +113,18 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   enum class Step { kDown, kWait, kFail, kLost };
   enum class Place { kKept, kUnsure, kLost };
 
-  // Claims the first free level, counting up from 0.
+  // Claims the first free level, counting up from 0. Waiters already
+  // queued go first: a free level with a waiter right above it is that
+  // waiter's next step, so the newcomer waits one poll for it to move in
+  // (on this host, only until it does), then looks again from there: it
+  // follows the gap up a queue on the move, and joins behind it. A free
+  // level with nobody above, or one the waiter above did not take within
+  // the poll, is claimed at once.
   bool joinQueue() {
     verboseLog << "Queuing for lock acquire in directory " << lock_.directory_ << std::endl;
     int level = 0;
-    for (;;) {
+    for (int yieldedAt = -1;;) {
+      mark_ = FileWatch::mark();
       while (taken(level)) {
         verboseLog << "Lock file exists at level " << level << ".  Going to next level..."
                    << std::endl;
@@ -109,10 +132,15 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
       }
       if (!singleAttempt_) {
         if (deadline_.passed()) return fail(timedOut());
-        // Waiters already queued go first.
-        verboseLog << "No lock found at level " << level << ".  Sleeping for one polling cycle..."
-                   << std::endl;
-        sleepWithin(kPollMs, deadline_);
+        const int above = taken(level + 1) ? level + 1 : taken(level + 2) ? level + 2 : 0;
+        if (level != yieldedAt && above > 0) {
+          verboseLog << "No lock found at level " << level << ".  Sleeping for one polling cycle..."
+                     << std::endl;
+          // Until the waiter above leaves its place, moving down.
+          sleepWhileThere(above, kPollMs);
+          yieldedAt = level;
+          continue;
+        }
       }
       verboseLog << "Attempting to create queue file..." << std::endl;
       const double start = hostMonotonic();
@@ -154,7 +182,11 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
       if (singleAttempt_ || deadline_.passed()) return giveUp(timedOut());
       verboseLog << lock_.name_ << ": Sleeping" << std::endl;
       pause();
-      if (keepPlace() == Place::kLost) return false;
+      // Woken early, within a poll of the last rewrite: the place is as
+      // fresh as the poll keeps it.
+      if (hostMonotonic() - since_ >= kPollMs / 1000.0 && keepPlace() == Place::kLost) {
+        return false;
+      }
     }
     return true;
   }
@@ -162,14 +194,32 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   // One try at the level below.
   Step stepDown() {
     const int target = level_ - 1;
+    mark_ = FileWatch::mark();
     verboseLog << lock_.name_ << ": Trying to acquire level " << target << std::endl;
     const double start = hostMonotonic();
     FileState made;
-    switch (createLockFile(lock_.directory_, lock_.levelFile(target), 0777, lock_.numbers_.next(),
-                           &made)) {
+    // Right after a step down the level below is most often the waiter's
+    // ahead, just moved in: a look costs less than a create or a rename,
+    // which the directory's writers queue for.
+    const bool lookFirst = stepped_ && !singleAttempt_;
+    stepped_ = false;
+    Create attempt = Create::kTaken;
+    if (!lookFirst || !taken(target)) {
+      attempt = moveWhole(target);
+      if (attempt == Create::kRefused) {
+        attempt = createLockFile(lock_.directory_, lock_.levelFile(target), 0777,
+                                 lock_.numbers_.next(), &made);
+      }
+    }
+    switch (attempt) {
       case Create::kMade:
-        verboseLog << lock_.name_ << ": Success! removing level " << level_ << std::endl;
-        moveDown(made, start, 723);  // call-site number kept: scripts match it
+        if (moved_) {
+          moved_ = false;
+        } else {
+          verboseLog << lock_.name_ << ": Success! removing level " << level_ << std::endl;
+          moveDown(made, start, 723);  // call-site number kept: scripts match it
+        }
+        stepped_ = true;
         return Step::kDown;
       case Create::kRefused:
         refused(target);
@@ -182,6 +232,10 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
         break;
     }
     backOff_ = kPollMs;
+    // Woken early by a change: staleness is judged at the poll's pace, and
+    // what is there now is new, or was judged a moment ago.
+    if (!singleAttempt_ && hostMonotonic() - judged_ < kPollMs / 1000.0) return Step::kWait;
+    judged_ = hostMonotonic();
     verboseLog << lock_.name_ << ": Could not acquire; trying to detect stale lock at level "
                << target << std::endl;
     const std::string file = lock_.levelFile(target);
@@ -201,6 +255,30 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
         break;
     }
     return Step::kWait;
+  }
+
+  // Where the file system renames without replacing, the own place moves
+  // down whole: the level below appears as the own place goes, with the
+  // number and times it had, in one step instead of a create, a write and
+  // a removal. Only a place rewritten within the last poll moves (nobody can
+  // have taken it over since); its lease runs on from that write. kMade:
+  // moved; kTaken: the level below is taken; kRefused: not done, make the
+  // level below instead.
+  Create moveWhole(int target) {
+    if (!lock_.renameWorks_ || hostMonotonic() - since_ >= kPollMs / 1000.0)
+      return Create::kRefused;
+    if (hostRenameExclusive(lock_.levelFile(level_).c_str(), lock_.levelFile(target).c_str()) ==
+        0) {
+      verboseLog << lock_.name_ << ": Success! moved from level " << level_ << std::endl;
+      --level_;
+      moved_ = true;
+      return Create::kMade;
+    }
+    if (errno == EEXIST) return Create::kTaken;
+    // Not on this file system (EINVAL, ENOSYS), or something to be found
+    // out the usual way (a place gone, a directory gone).
+    if (errno == EINVAL || errno == ENOSYS || errno == ENOTSUP) lock_.renameWorks_ = false;
+    return Create::kRefused;
   }
 
   // The level below belongs to a dead holder: write our number into it.
@@ -264,8 +342,11 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   }
 
   // Removes the own queue file if it is still as written; false when it
-  // resisted until the deadline.
+  // resisted until the deadline. One rewritten within the last poll is ours
+  // without a look: nobody can have found it unchanged for long since. (A
+  // queue place lost by mistake costs its owner its place, never the lock.)
   bool leave(const std::string& file, const Deadline& deadline) {
+    if (hostMonotonic() - since_ < kPollMs / 1000.0 && hostUnlink(file.c_str()) == 0) return true;
     const Judgement ours(file, written_);
     const Entitled always([] { return true; });
     Act act;
@@ -303,11 +384,12 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   }
 
   // One poll, cut short when the level below goes (on this host).
-  void pause() {
-    if (!watch_) watch_.reset(new DirectoryWatch(lock_.directory_));
-    const std::string below =
-        std::string(korvel_protocol::kLevelPrefix + 1) + std::to_string(level_ - 1);
-    watch_->sleep(backOff_, deadline_, [&below](const std::string& name) { return name == below; });
+  void pause() { sleepWhileThere(level_ - 1, backOff_); }
+
+  // Sleeps for ms, less when the file at level changes after the last look
+  // began.
+  void sleepWhileThere(int level, unsigned ms) {
+    watch_.sleepWhileThere(lock_.levelFile(level), ms, deadline_, mark_);
   }
 
   // The own place is given up. One whose lease ran out is removed if it is
@@ -372,11 +454,15 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   const Deadline& deadline_;
   const bool singleAttempt_;
   const double holderPatience_;
-  koStaleLockRemover& judge_;              // the lock's: its sightings last from walk to walk
-  std::unique_ptr<DirectoryWatch> watch_;  // made at the first wait
+  koStaleLockRemover& judge_;  // the lock's: its sightings last from walk to walk
+  FileWatch watch_;            // the file in the way, while waiting
+  uint64_t mark_ = 0;          // where the changes stood as the last look began
   int level_ = -1;
   FileState written_;  // the own place as last written
   double since_ = 0.0;
+  double judged_ = 0.0;     // the last judgement of the level below
+  bool moved_ = false;      // the last step down was a move whole
+  bool stepped_ = false;    // the last step was down
   bool placeLost_ = false;  // the walk must start again
   unsigned backOff_ = kPollMs;
   int transientError_ = 0;
@@ -395,7 +481,7 @@ koDirectoryExclusiveLock::Impl::Impl(std::string directory, const char* name)
 koDirectoryExclusiveLock::Impl::~Impl() {
   try {
     holding_->close();
-    if (holding_->heldElsewhere()) {
+    if (creator_ != hostProcessId()) {
       // A forked child: the refresh thread and the file are its parent's.
       refreshLoop_.release();     // NOLINT(bugprone-unused-return-value): left to the exit
       refreshFunctor_.release();  // NOLINT(bugprone-unused-return-value)
@@ -471,10 +557,7 @@ bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool 
   }
   acquireCount_ = 1;
   holding_->hold(levelFile(0), walk.written(), walk.since());
-  if (!noRefreshLoop) {
-    refreshLoop_->start(lock);
-    refreshRunning_ = true;
-  }
+  if (!noRefreshLoop) startRefresh(lock);
   sweepUpperLevels();
   // The lease may have run out in the steps since level 0 became ours (a
   // hung call, a stop): an acquisition that ends lost has not succeeded.
@@ -484,7 +567,29 @@ bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool 
   return false;
 }
 
+void koDirectoryExclusiveLock::Impl::startRefresh(ScopedLock& lock) {
+  refreshWanted_ = true;
+  if (refreshRunning_ && !refreshEnded_) return;  // lingering, or ending the last holding's period
+  if (refreshRunning_) refreshLoop_->stop(lock);  // ended by itself: joined
+  refreshRunning_ = false;
+  refreshEnded_ = false;
+  refreshLingered_ = false;
+  try {
+    refreshLoop_->start(lock);
+  } catch (...) {
+    refreshWanted_ = false;
+    throw;
+  }
+  refreshRunning_ = true;
+}
+
 void koDirectoryExclusiveLock::Impl::sweepUpperLevels() {
+  // A place is worth judging only once it looks 15 s old, so a holder that
+  // takes the lock again and again sweeps once a refresh period: the cost
+  // of a look at every waiter's place stays off most handoffs.
+  const double sweptAgo = hostMonotonic() - lastSweep_;
+  if (lastSweep_ != 0.0 && sweptAgo >= 0 && sweptAgo < kRefreshPeriodMs / 1000.0) return;
+  lastSweep_ = hostMonotonic();
   const double now = hostRealtime();
   int gaps = 0;  // killed waiters leave runs of places, with few gaps
   for (int level = 1; level <= kSweptLevels && gaps < kSweptGaps; ++level) {
@@ -506,7 +611,7 @@ void koDirectoryExclusiveLock::Impl::sweepUpperLevels() {
   judge_.remember();
 }
 
-bool koDirectoryExclusiveLock::Impl::releaseHeld(const Deadline& deadline, ScopedLock& lock) {
+bool koDirectoryExclusiveLock::Impl::releaseHeld(const Deadline& deadline, ScopedLock& /*held*/) {
   if (creator_ != hostProcessId() || acquireCount_ == 0) {
     errno = EPERM;
     return false;
@@ -522,10 +627,7 @@ bool koDirectoryExclusiveLock::Impl::releaseHeld(const Deadline& deadline, Scope
   const Released removed =
       releaseHolding(*holding_, directory_, deadline.capped(kReleaseEffortSeconds));
   const int error = errno;
-  if (refreshRunning_) {
-    refreshLoop_->stop(lock);
-    refreshRunning_ = false;
-  }
+  refreshWanted_ = false;  // the loop lingers, then ends
   if (removed == Released::kRemoved) return true;
   if (directoryGone(directory_)) throwNoSuchDirectory(directory_);
   if (removed == Released::kLost) {
@@ -560,9 +662,7 @@ bool koDirectoryExclusiveLock::Impl::tryAtOnce() {
 }
 
 std::string koDirectoryExclusiveLock::Impl::levelFile(int level) const {
-  std::ostringstream name;
-  name << directory_ << korvel_protocol::kLevelPrefix << level;
-  return name.str();
+  return directory_ + korvel_protocol::kLevelPrefix + std::to_string(level);
 }
 
 // ---- The public face ----

@@ -49,6 +49,8 @@ class koDirectoryExclusiveLock::Impl {
   bool acquireHeld(const Deadline& deadline, bool singleAttempt, bool noRefreshLoop,
                    double holderPatience, ScopedLock& lock);
   bool releaseHeld(const Deadline& deadline, ScopedLock& lock);
+  // Has the refresh loop keep level 0 fresh, starting it unless it lingers.
+  void startRefresh(ScopedLock& lock);
   // Removes the queue places that killed waiters left above level 0.
   void sweepUpperLevels();
   // False (errno set) when this object cannot lock its directory at all: an
@@ -66,11 +68,17 @@ class koDirectoryExclusiveLock::Impl {
   LockNumbers numbers_;                   // thread-safe
   std::shared_ptr<LockHolding> holding_;  // level 0 while held
   koStaleLockRemover judge_;              // guarded by processMutex_
+  double lastSweep_ = 0.0;                // hostMonotonic(), guarded by processMutex_
+  bool renameWorks_ = true;               // renames without replacing; guarded by processMutex_
   std::unique_ptr<RefreshLoop> refreshFunctor_;
   boost::shared_ptr<koThreadFactory> pool_;  // keeps the refresh loop's factory alive
   std::unique_ptr<LoopThread> refreshLoop_;
-  bool refreshRunning_ = false;  // guarded by processMutex_
-  boost::timed_mutex threads_;   // the standard interfaces' own, taken first
+  // The refresh loop's state, guarded by processMutex_.
+  bool refreshRunning_ = false;   // started, and not yet stopped and joined
+  bool refreshEnded_ = false;     // it ended itself after lingering
+  bool refreshWanted_ = false;    // the current holding is to be refreshed
+  bool refreshLingered_ = false;  // it waited a period with nothing to refresh
+  boost::timed_mutex threads_;    // the standard interfaces' own, taken first
 };
 
 #endif  // KORVEL_FS_LOCK_EXCLUSIVE_LOCK_H_

@@ -74,17 +74,34 @@
 // THE EXCLUSIVE LOCK'S QUEUE
 //
 // Level 0 is the holder. A newcomer takes the first free level counting up
-// from 0 (after one 10 ms poll, so that waiters already queued go first),
-// then works its way down: it creates the next lower level exclusively and
-// removes its own. While the level below is taken it polls every 10 ms
-// (kPollMs), rewriting its own queue file, and looks at the level below at
-// every poll. A stale level is taken over by the waiter directly above it,
-// which writes its own number into the file in place; only that waiter may,
-// since it alone owns the level above. A time-out of 0 makes one pass of
-// this: one level down, the stale test included, no waiting. After each
-// acquisition the holder looks at the levels above and removes the places
+// from 0, then works its way down: it creates the next lower level
+// exclusively and removes its own. Waiters already queued go first: a free
+// level with a waiter right above it is that waiter's next step, so the
+// newcomer gives it one 10 ms poll to move in, and then looks on up from
+// there; a free level with nobody above is claimed at once. While the level
+// below is taken a waiter polls every 10 ms (kPollMs), rewriting its own
+// queue file, and looks at the level below at every poll. A stale level is
+// taken over by the waiter directly above it, which writes its own number
+// into the file in place; only that waiter may, since it alone owns the
+// level above. A time-out of 0 makes one pass of this: one level down, the
+// stale test included, no waiting. After an acquisition the holder looks at
+// the levels above (once a refresh period at most) and removes the places
 // of killed waiters that are stale (by the same rule), so that they do not
 // stay for good once the lock is free.
+//
+// ON ONE HOST
+//
+// Waiters on this host are woken by the kernel the moment the file in their
+// way goes (watch.h), instead of at their next poll; the poll stays for
+// other hosts' changes. Where the file system renames without replacing
+// (renameat2 RENAME_NOREPLACE; not over NFS, which answers EINVAL), a
+// waiter whose place was rewritten within the last poll moves it down whole:
+// the level below appears, holding the number and times of that rewrite, as
+// the own place goes. To any other process this is a create of the level
+// below and a removal of the own place with nothing between them, and the
+// lease runs from the rewrite. A holding registers itself in this host's
+// registry (this_host.h), so that a holder that dies is known dead at once
+// by waiters of the same host.
 //
 // THE READ-WRITE LOCK
 //

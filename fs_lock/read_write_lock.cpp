@@ -273,22 +273,21 @@ bool Handle::acquireNested() {
 }
 
 bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
-  std::unique_ptr<DirectoryWatch> watch;  // made at the first wait
-  const std::string writeName = korvel_protocol::kWriteLockName + 1;
-  const std::string readPrefix = korvel_protocol::kReadLockPrefix + 1;
-  const DirectoryWatch::Wanted blocker = [&](const std::string& name) {
-    return name == writeName || (write && name.compare(0, readPrefix.size(), readPrefix) == 0);
-  };
+  FileWatch watch;  // the file in the way, while waiting
+  std::string blocker;
   unsigned backOff = kPollMs;
   int transientError = 0;
   for (;;) {
+    const uint64_t looked = FileWatch::mark();
     {
       DirectoryLockGuard guard(dir->dirLock, deadline, singleAttempt);
       if (!guard.held()) return false;  // errno from the directory lock
       ScopedLock lock(dir->getMutex());
       dir->judge.deadline = deadline;
-      Entry entry = okToAcquire();
-      if (entry == Entry::kBlocked && removeStaleFiles(&dir->judge, guard)) entry = okToAcquire();
+      Entry entry = okToAcquire(&blocker);
+      if (entry == Entry::kBlocked && removeStaleFiles(&dir->judge, guard)) {
+        entry = okToAcquire(&blocker);
+      }
       if (entry == Entry::kRefused) {
         const int error = errno;
         warningLog << "FS_LOCK: cannot look into " << dir->directory << ": " << errorText(error)
@@ -313,8 +312,11 @@ bool Handle::enterWhenFree(const Deadline& deadline, bool singleAttempt) {
       errno = transientError != 0 ? transientError : ETIMEDOUT;
       return false;
     }
-    if (!watch) watch.reset(new DirectoryWatch(dir->directory));
-    watch->sleep(backOff, deadline, blocker);
+    if (blocker.empty()) {
+      sleepWithin(backOff, deadline);  // held by this process: no file to watch
+    } else {
+      watch.sleepWhileThere(blocker, backOff, deadline, looked);
+    }
   }
 }
 
@@ -397,10 +399,12 @@ bool Handle::removeStaleFiles(koStaleLockRemover* remover, const DirectoryLockGu
   return removed;
 }
 
-Handle::Entry Handle::okToAcquire() {
+Handle::Entry Handle::okToAcquire(std::string* blocker) {
+  blocker->clear();
   if (dir->ownsWriteLock() || (write && dir->ownsReadLock())) return Entry::kBlocked;
   switch (lockFilePresent(dir->writeLockName)) {
     case 1:
+      *blocker = dir->writeLockName;
       return Entry::kBlocked;
     case -1:
       return Entry::kRefused;
@@ -411,7 +415,9 @@ Handle::Entry Handle::okToAcquire() {
   if (!listNames(dir->directory, korvel_protocol::kReadLockPrefix + 1, &readers)) {
     return Entry::kRefused;
   }
-  return readers.empty() ? Entry::kFree : Entry::kBlocked;
+  if (readers.empty()) return Entry::kFree;
+  *blocker = dir->directory + "/" + readers.front();
+  return Entry::kBlocked;
 }
 
 std::string Handle::lockFileName(int number) const {

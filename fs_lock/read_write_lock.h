@@ -150,8 +150,9 @@ class koDirectoryReadWriteLock::AbstractLock::Impl {
   // Starts the refresh for a file just made. REQUIRES: dir's mutex held.
   void startRefresh(bool noRefresh);
   // Whether this handle may enter now. kRefused: it cannot tell, errno says
-  // why. REQUIRES: dir's mutex and the directory lock held.
-  Entry okToAcquire();
+  // why. kBlocked: *blocker is a file in the way, if another process's.
+  // REQUIRES: dir's mutex and the directory lock held.
+  Entry okToAcquire(std::string* blocker);
   // The name of a new lock file for number.
   std::string lockFileName(int number) const;
   // Makes a new lock file for this handle; kMade with its name, number and

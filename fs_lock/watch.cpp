@@ -2,19 +2,20 @@
 //
 // One Watcher per process. Whichever waiting thread finds nobody reading
 // the inotify descriptor reads it for everyone (a leader), files the
-// removals it sees under their watch, and wakes the others; the others wait
+// changes it sees under their watch, and wakes the others; the others wait
 // on a condition. No thread is started for it. Lock order: the watcher's
-// mutex alone; no file-system call is made with it held.
+// mutex alone; no file-system call is made with it held (removing a watch
+// looks up no path).
 #include "fs_lock/watch.h"
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <cstdint>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -24,10 +25,12 @@
 namespace korvel_detail {
 namespace {
 
-constexpr uint32_t kRemovals = IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF;
-// Removals kept for waiters that have not looked yet; older ones are
+// A removal (the link count changes, then the file goes), a rename, or a
+// change of attributes. Never a write: waiters rewrite at every poll.
+constexpr uint32_t kChanges = IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+// Changes kept for waiters that have not looked yet; older ones are
 // dropped, and a waiter that missed some looks again (as on an overflow).
-constexpr size_t kKeptRemovals = 256;
+constexpr size_t kKeptChanges = 256;
 
 class Watcher {
  public:
@@ -36,29 +39,49 @@ class Watcher {
     return *watcher;
   }
 
-  // A watch on directory shared with its other waiters, or -1.
-  int add(const std::string& directory) {
+  uint64_t mark() {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (fd_ == -2) fd_ = hostInotifyInit(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd_ < 0) return -1;
-    const int watch = hostInotifyAddWatch(fd_, directory.c_str(), kRemovals | IN_ONLYDIR);
-    if (watch >= 0) ++users_[watch];
-    return watch;
+    return next_;
   }
 
-  void remove(int watch) {
+  // Makes *watch the watch of path, sharing it with other threads waiting
+  // for the same file. False when path cannot be watched; errno ENOENT
+  // when nothing is there.
+  bool follow(const std::string& path, int* watch) {
+    int fd;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (fd_ == -2) fd_ = hostInotifyInit(IN_NONBLOCK | IN_CLOEXEC);
+      fd = fd_;
+    }
+    if (fd < 0) {
+      errno = ENOSYS;
+      return false;
+    }
+    // Outside the mutex: the path may lead through a mount that hangs.
+    const int now = hostInotifyAddWatch(fd, path.c_str(), kChanges | IN_DONT_FOLLOW);
+    const int error = errno;
     std::lock_guard<std::mutex> lock(mutex_);
-    if (--users_[watch] > 0) return;
-    users_.erase(watch);
-    hostInotifyRmWatch(fd_, watch);
+    if (now != *watch) {
+      drop(*watch);
+      *watch = now;
+      if (now >= 0) ++users_[now];
+    }
+    errno = error;
+    return now >= 0;
   }
 
-  void sleep(int watch, double seconds, const DirectoryWatch::Wanted& wanted) {
+  void unfollow(int* watch) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    drop(*watch);
+    *watch = -1;
+  }
+
+  void sleep(int watch, double seconds, uint64_t from) {
     std::unique_lock<std::mutex> lock(mutex_);
-    const uint64_t from = next_;
     const double until = hostMonotonic() + seconds;
     for (;;) {
-      if (removed(from, watch, wanted)) return;
+      if (changed(from, watch)) return;
       const double left = until - hostMonotonic();
       if (left <= 0) return;
       if (reading_) {
@@ -79,22 +102,25 @@ class Watcher {
   }
 
  private:
-  struct Removal {
+  struct Change {
     uint64_t sequence;
-    int watch;  // -1: anything may have gone (the queue overflowed)
-    std::string name;
+    int watch;  // -1: anything may have changed (the queue overflowed)
   };
 
   // REQUIRES: mutex_ held.
-  bool removed(uint64_t from, int watch, const DirectoryWatch::Wanted& wanted) const {
-    if (!removals_.empty() && removals_.front().sequence > from) return true;  // missed some
-    for (const Removal& r : removals_) {
-      if (r.sequence >= from &&
-          (r.watch == -1 || (r.watch == watch && (r.name.empty() || wanted(r.name))))) {
-        return true;
-      }
-    }
-    return false;
+  void drop(int watch) {
+    const auto found = users_.find(watch);
+    if (found == users_.end() || --found->second > 0) return;
+    users_.erase(found);
+    hostInotifyRmWatch(fd_, watch);  // fails harmlessly for a watch the kernel ended
+  }
+
+  // REQUIRES: mutex_ held.
+  bool changed(uint64_t from, int watch) const {
+    if (!changes_.empty() && changes_.front().sequence > from) return true;  // missed some
+    return std::any_of(changes_.begin(), changes_.end(), [&](const Change& c) {
+      return c.sequence >= from && (c.watch == -1 || c.watch == watch);
+    });
   }
 
   // REQUIRES: mutex_ held.
@@ -102,42 +128,46 @@ class Watcher {
     for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= length;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
       const bool overflow = (event->mask & IN_Q_OVERFLOW) != 0;
-      // A directory that went, or whose watch went, wakes all its waiters.
-      const bool whole = (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0;
-      if (overflow || whole || (event->mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
-        removals_.push_back({next_++, overflow ? -1 : event->wd,
-                             whole || event->len == 0 ? std::string() : std::string(event->name)});
-      }
+      changes_.push_back({next_++, overflow ? -1 : event->wd});
+      // The kernel ended the watch (its file went): a later watch of the
+      // same number is somebody else's.
+      if ((event->mask & IN_IGNORED) != 0) users_.erase(event->wd);
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
-    while (removals_.size() > kKeptRemovals) removals_.pop_front();
+    while (changes_.size() > kKeptChanges) changes_.pop_front();
   }
 
   std::mutex mutex_;
   std::condition_variable woken_;
   int fd_ = -2;  // -2: not tried yet; -1: no inotify here
   bool reading_ = false;
-  std::map<int, int> users_;  // watch -> waiters on it
+  std::map<int, int> users_;  // watch -> threads following it
   uint64_t next_ = 1;
-  std::deque<Removal> removals_;
+  std::deque<Change> changes_;
 };
 
 }  // namespace
 
-DirectoryWatch::DirectoryWatch(const std::string& directory)
-    : watch_(Watcher::instance().add(directory)) {}
-
-DirectoryWatch::~DirectoryWatch() {
-  if (watch_ >= 0) Watcher::instance().remove(watch_);
+FileWatch::~FileWatch() {
+  if (watch_ >= 0) Watcher::instance().unfollow(&watch_);
 }
 
-void DirectoryWatch::sleep(unsigned ms, const Deadline& deadline, const Wanted& wanted) {
-  if (watch_ < 0) {
-    sleepWithin(ms, deadline);
+uint64_t FileWatch::mark() {
+  return Watcher::instance().mark();
+}
+
+void FileWatch::sleepWhileThere(const std::string& path, unsigned ms, const Deadline& deadline,
+                                uint64_t since) {
+  Watcher& watcher = Watcher::instance();
+  if (!watcher.follow(path, &watch_)) {
+    if (errno != ENOENT) sleepWithin(ms, deadline);  // not watchable: the poll alone
     return;
   }
+  // Gone between the look and the watch: nothing left to wait for.
+  struct stat st;
+  if (hostLstat(path.c_str(), &st) != 0 && errno == ENOENT) return;
   const double seconds = std::min(ms / 1000.0, deadline.remaining());
-  if (seconds > 0) Watcher::instance().sleep(watch_, seconds, wanted);
+  if (seconds > 0) watcher.sleep(watch_, seconds, since);
 }
 
 }  // namespace korvel_detail

@@ -142,6 +142,9 @@ KORVEL_HOST_API int hostRemoveFile(const char* path);
 KORVEL_HOST_API int hostUnlink(const char* path);
 // rename(2). Returns 0, or -1 with errno set.
 KORVEL_HOST_API int hostRename(const char* from, const char* to);
+// renameat2(2) with RENAME_NOREPLACE: fails with EEXIST when to exists, and
+// with EINVAL where the file system cannot promise that.
+KORVEL_HOST_API int hostRenameExclusive(const char* from, const char* to);
 
 // open(2) followed by close(2): creates or opens the file with flags and
 // mode and closes it at once. Returns 0, or -1 with errno set.
@@ -248,6 +251,7 @@ KORVEL_HOST_API char* hostDefaultGetDirList(const char* pathPattern, int flags);
 KORVEL_HOST_API int hostDefaultRemoveFile(const char* path);
 KORVEL_HOST_API int hostDefaultUnlink(const char* path);
 KORVEL_HOST_API int hostDefaultRename(const char* from, const char* to);
+KORVEL_HOST_API int hostDefaultRenameExclusive(const char* from, const char* to);
 KORVEL_HOST_API const char* hostDefaultLocalStateDirectory();
 KORVEL_HOST_API int hostDefaultInotifyInit(int flags);
 KORVEL_HOST_API int hostDefaultInotifyAddWatch(int fd, const char* path, uint32_t mask);

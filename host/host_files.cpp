@@ -24,6 +24,10 @@ int hostDefaultRename(const char* from, const char* to) {
   return rename(from, to);
 }
 
+int hostDefaultRenameExclusive(const char* from, const char* to) {
+  return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+}
+
 const char* hostDefaultLocalStateDirectory() {
   return "/dev/shm";
 }
@@ -125,6 +129,7 @@ int hostDefaultChmod(const char* path, unsigned mode) {
 KORVEL_WEAK_DEFAULT(hostRemoveFile, hostDefaultRemoveFile);
 KORVEL_WEAK_DEFAULT(hostUnlink, hostDefaultUnlink);
 KORVEL_WEAK_DEFAULT(hostRename, hostDefaultRename);
+KORVEL_WEAK_DEFAULT(hostRenameExclusive, hostDefaultRenameExclusive);
 KORVEL_WEAK_DEFAULT(hostLocalStateDirectory, hostDefaultLocalStateDirectory);
 KORVEL_WEAK_DEFAULT(hostInotifyInit, hostDefaultInotifyInit);
 KORVEL_WEAK_DEFAULT(hostInotifyAddWatch, hostDefaultInotifyAddWatch);

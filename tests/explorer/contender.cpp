@@ -203,7 +203,7 @@ struct Opened {
 
 std::mutex observedMutex;
 std::map<int, Opened> opened;           // guarded by observedMutex
-std::set<int> ownNumbers;               // guarded by observedMutex
+std::map<int, double> ownNumbers;       // -> its write's start; guarded by observedMutex
 thread_local double readBackAt = -1.0;  // the open window's start, or -1
 
 bool isLockFile(const char* path) {
@@ -256,7 +256,7 @@ void wrote(int fd, const void* text, size_t size, double start) {
     say("take", "%s %d", o.path.c_str(), o.previous);
   }
   o.previous = -1;
-  ownNumbers.insert(number);
+  ownNumbers[number] = start;
   say("w", "%.4f %s %d", start, o.path.c_str(), number);
 }
 
@@ -417,6 +417,31 @@ extern "C" int hostUnlink(const char* path) {
     return hostDefaultUnlink(path);
   });
   if (rc == 0 && lockFile) say("rm", "%s %d", path, number);
+  return rc;
+}
+
+// A lock file moved whole: its old name is removed, and the write that
+// made its content reached the new name.
+extern "C" int hostRenameExclusive(const char* from, const char* to) {
+  const bool lockFile = isLockFile(to);
+  if (lockFile) actOn(to);
+  int number = -1;
+  const int rc = faulted(explorer::kRemove, from, -1, [&] {
+    if (lockFile) {
+      actOn(to);
+      number = numberOf(from);
+    }
+    return hostDefaultRenameExclusive(from, to);
+  });
+  if (rc != 0 || !lockFile) return rc;
+  say("rm", "%s %d", from, number);
+  std::lock_guard<std::mutex> lock(observedMutex);
+  const auto own = ownNumbers.find(number);
+  if (own != ownNumbers.end()) {
+    say("w", "%.4f %s %d", own->second, to, number);
+  } else {
+    say("take", "%s %d", to, number);
+  }
   return rc;
 }
 

@@ -459,13 +459,16 @@ class LockProcessTest : public FsLockTest {
 // On one host the kernel can tell more than the files: a waiter is woken
 // when the level below goes, not at its next poll (here made 10 s long),
 // and a holder that died is known dead at once (its registration is no
-// longer locked). Without such evidence nothing is judged early, and
-// without notification the poll still serves.
+// longer locked). Without such evidence nothing is judged early, without
+// notification the poll still serves, and without renames a place moves
+// down by a create.
 TEST_F(LockProcessTest, OnOneHostTheKernelTellsWhatItKnows) {
-  for (const bool watched : {true, false}) {
-    SCOPED_TRACE(watched ? "woken" : "polling");
+  for (const char* how : {"woken", "polling", "woken, created"}) {
+    SCOPED_TRACE(how);
+    const bool watched = strcmp(how, "polling") != 0;
     korvel_test::clearHooks();
     korvel_test::failWatches(!watched);
+    korvel_test::refuseRenames(strstr(how, "created") != nullptr);
     if (watched) korvel_test::scaleWaits(0.001);
     koDirectoryExclusiveLock holder(dir_.path(), "holder");
     koDirectoryExclusiveLock waiter(dir_.path(), "waiter");

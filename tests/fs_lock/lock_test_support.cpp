@@ -39,6 +39,7 @@ Hooks hooks;  // guarded by hookMutex
 std::atomic<double> clockOffset{0.0};
 std::atomic<double> waitScale{1.0};
 std::atomic<bool> watchesFail{false};
+std::atomic<bool> renamesRefused{false};
 
 // The error to fail an operation of that kind on path with, or 0.
 int faultFor(Fault which, const char* path) {
@@ -87,6 +88,10 @@ void failWatches(bool fail) {
   watchesFail = fail;
 }
 
+void refuseRenames(bool refuse) {
+  renamesRefused = refuse;
+}
+
 void scaleWaits(double factor) {
   waitScale = factor;
 }
@@ -97,6 +102,7 @@ void clearHooks() {
   clockOffset = 0.0;
   waitScale = 1.0;
   watchesFail = false;
+  renamesRefused = false;
   removeCalls = 0;
 }
 
@@ -230,6 +236,19 @@ extern "C" int hostFstat(int fd, struct stat* st) {
   const auto found = hooks.openFiles.find(fd);
   if (rc == 0 && found != hooks.openFiles.end()) skew(found->second.c_str(), st);
   return rc;
+}
+
+// A move is a create at its new name and a removal at its old one; with
+// renames refused it fails as on a file system that cannot promise them.
+extern "C" int hostRenameExclusive(const char* from, const char* to) {
+  int error;
+  {
+    std::lock_guard<std::mutex> lock(hookMutex);
+    error = korvel_test::renamesRefused ? EINVAL : faultFor(Fault::kCreate, to);
+    if (error == 0) error = faultFor(Fault::kRemove, from);
+  }
+  if (error != 0) return fail(error);
+  return hostDefaultRenameExclusive(from, to);
 }
 
 extern "C" int hostUnlink(const char* path) {

@@ -38,6 +38,9 @@ const std::string& localStateDirectory();
 
 // Directory watches fail as when the inotify limit is reached (ENOSPC).
 void failWatches(bool fail);
+// Renames that must not replace fail as where the file system cannot
+// promise that (EINVAL).
+void refuseRenames(bool refuse);
 
 // Timed waits of the lock code (not its sleeps) pass `factor` times faster
 // than the clock: 5 s of refresh period take 5 / factor real seconds.
