@@ -265,8 +265,9 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
   // moved; kTaken: the level below is taken; kRefused: not done, make the
   // level below instead.
   Create moveWhole(int target) {
-    if (!lock_.renameWorks_ || hostMonotonic() - since_ >= kPollMs / 1000.0)
+    if (!lock_.movesWhole() || hostMonotonic() - since_ >= kPollMs / 1000.0) {
       return Create::kRefused;
+    }
     if (hostRenameExclusive(lock_.levelFile(level_).c_str(), lock_.levelFile(target).c_str()) ==
         0) {
       verboseLog << lock_.name_ << ": Success! moved from level " << level_ << std::endl;
@@ -277,7 +278,7 @@ class koDirectoryExclusiveLock::Impl::QueueWalk {
     if (errno == EEXIST) return Create::kTaken;
     // Not on this file system (EINVAL, ENOSYS), or something to be found
     // out the usual way (a place gone, a directory gone).
-    if (errno == EINVAL || errno == ENOSYS || errno == ENOTSUP) lock_.renameWorks_ = false;
+    if (errno == EINVAL || errno == ENOSYS || errno == ENOTSUP) lock_.movesWhole_ = -1;
     return Create::kRefused;
   }
 
@@ -659,6 +660,22 @@ bool koDirectoryExclusiveLock::Impl::tryAtOnce() {
   acquireCount_ = 1;
   holding_->hold(levelFile(0), made, start);
   return true;
+}
+
+bool koDirectoryExclusiveLock::Impl::movesWhole() {
+  if (movesWhole_ == 0) {
+    // Only where the kernel itself keeps the directory: a network or FUSE
+    // file system may answer a rename that must not replace with a look
+    // and a rename, which two hosts could both pass.
+    static const long kLocal[] = {0xEF53 /* ext2-4 */, 0x58465342 /* xfs */, 0x9123683E /* btrfs */,
+                                  0x01021994 /* tmpfs */, static_cast<long>(0xF2F52010) /* f2fs */};
+    struct statfs st;
+    const bool local = hostStatfs(directory_.c_str(), &st) == 0 &&
+                       std::find(std::begin(kLocal), std::end(kLocal),
+                                 static_cast<long>(st.f_type)) != std::end(kLocal);
+    movesWhole_ = local ? 1 : -1;
+  }
+  return movesWhole_ > 0;
 }
 
 std::string koDirectoryExclusiveLock::Impl::levelFile(int level) const {

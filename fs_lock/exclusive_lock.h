@@ -57,6 +57,9 @@ class koDirectoryExclusiveLock::Impl {
   // empty or too long path, or a child made by fork() using its parent's.
   bool usable() const;
   std::string levelFile(int level) const;
+  // Whether a queue place may move down by a rename that never replaces:
+  // on a local file system, until one refuses. REQUIRES: processMutex_ held.
+  bool movesWhole();
 
   // Guards the object and runs its refresh loop. Lock order: processMutex_,
   // then the holding's; see fs_lock.cpp.
@@ -69,7 +72,9 @@ class koDirectoryExclusiveLock::Impl {
   std::shared_ptr<LockHolding> holding_;  // level 0 while held
   koStaleLockRemover judge_;              // guarded by processMutex_
   double lastSweep_ = 0.0;                // hostMonotonic(), guarded by processMutex_
-  bool renameWorks_ = true;               // renames without replacing; guarded by processMutex_
+  // Whether places move down by rename: 1 yes, -1 no, 0 not known yet.
+  // Guarded by processMutex_.
+  int movesWhole_ = 0;
   std::unique_ptr<RefreshLoop> refreshFunctor_;
   boost::shared_ptr<koThreadFactory> pool_;  // keeps the refresh loop's factory alive
   std::unique_ptr<LoopThread> refreshLoop_;

@@ -23,6 +23,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/types.h>
+#include <sys/vfs.h>
 #include <time.h>
 
 #include <cstdarg>
@@ -167,6 +168,8 @@ KORVEL_HOST_API int hostLstat(const char* path, struct stat* st);
 // fstatat(2) following links: name relative to the open directory dirfd.
 KORVEL_HOST_API int hostStatAt(int dirfd, const char* name, struct stat* st);
 KORVEL_HOST_API int hostStatvfs(const char* path, struct statvfs* st);
+// statfs(2): what file system path is on (f_type).
+KORVEL_HOST_API int hostStatfs(const char* path, struct statfs* st);
 KORVEL_HOST_API char* hostRealpath(const char* path, char* resolved);
 KORVEL_HOST_API int hostMkdir(const char* path, unsigned mode);
 KORVEL_HOST_API int hostChmod(const char* path, unsigned mode);
@@ -272,6 +275,7 @@ KORVEL_HOST_API int hostDefaultStat(const char* path, struct stat* st);
 KORVEL_HOST_API int hostDefaultLstat(const char* path, struct stat* st);
 KORVEL_HOST_API int hostDefaultStatAt(int dirfd, const char* name, struct stat* st);
 KORVEL_HOST_API int hostDefaultStatvfs(const char* path, struct statvfs* st);
+KORVEL_HOST_API int hostDefaultStatfs(const char* path, struct statfs* st);
 KORVEL_HOST_API char* hostDefaultRealpath(const char* path, char* resolved);
 KORVEL_HOST_API int hostDefaultMkdir(const char* path, unsigned mode);
 KORVEL_HOST_API int hostDefaultChmod(const char* path, unsigned mode);

@@ -108,6 +108,10 @@ int hostDefaultStatAt(int dirfd, const char* name, struct stat* st) {
   return fstatat(dirfd, name, st, 0);
 }
 
+int hostDefaultStatfs(const char* path, struct statfs* st) {
+  return statfs(path, st);
+}
+
 int hostDefaultStatvfs(const char* path, struct statvfs* st) {
   return statvfs(path, st);
 }
@@ -150,6 +154,7 @@ KORVEL_WEAK_DEFAULT(hostStat, hostDefaultStat);
 KORVEL_WEAK_DEFAULT(hostLstat, hostDefaultLstat);
 KORVEL_WEAK_DEFAULT(hostStatAt, hostDefaultStatAt);
 KORVEL_WEAK_DEFAULT(hostStatvfs, hostDefaultStatvfs);
+KORVEL_WEAK_DEFAULT(hostStatfs, hostDefaultStatfs);
 KORVEL_WEAK_DEFAULT(hostRealpath, hostDefaultRealpath);
 KORVEL_WEAK_DEFAULT(hostMkdir, hostDefaultMkdir);
 KORVEL_WEAK_DEFAULT(hostChmod, hostDefaultChmod);
