@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Processes contending through korvel-lock for one directory, then a holder
-# killed so that its lock goes stale and is taken over.
+# Processes contending through korvel-lock for one directory, then dead
+# holders' locks taken over: one killed on this host, one left by a holder
+# elsewhere.
 #   demo-contention.sh PATH/TO/korvel-lock
 set -euo pipefail
 tool=$1
@@ -46,18 +47,25 @@ say "holder (pid $holder) holds the lock"
   wait "$holder"
 } 2>/dev/null || true
 say "holder killed"
+echo "   This host knows that its holder has ended, so the file is dead:"
 showStatus
+"$tool" --timeout 1 "$dir" -- bash -c "say 'newcomer holds it at once: the dead lock was taken over'"
 
 echo
-echo "   A newcomer with a 1 s time-out cannot get in: the lock file is fresh."
-status=0
-"$tool" --timeout 1 "$dir" -- true 2>&1 | sed 's/^/  /' || status=${PIPESTATUS[0]}
-say "newcomer gave up (status $status)"
-
-echo
-echo "   A lock file that has not been rewritten for 15 s belongs to a dead"
-echo "   holder. So as not to wait, the demonstration backdates the file by 30 s:"
+echo "== A lock file left by a holder on another host, which this host knows"
+echo "   nothing of. Its times may come from a skewed clock, so looking old"
+echo "   is not enough: a waiter takes it over once it has watched it stand"
+echo "   still for 15 s. (The demonstration plants one, 30 s old.)"
+echo 4242 >"$dir/.deploy_write_lock"
 touch -d "@$(($(date +%s) - 30))" "$dir/.deploy_write_lock"
 showStatus
-"$tool" --timeout 10 "$dir" -- bash -c "say 'newcomer holds it: the stale lock was taken over'"
+status=0
+"$tool" --timeout 1 "$dir" -- true 2>&1 | sed 's/^/  /' || status=${PIPESTATUS[0]}
+say "a newcomer with a 1 s time-out gave up (status $status)"
+echo
+echo "   A file 10 minutes old by the file server's clock is dead at once (the"
+echo "   demonstration backdates it by 11 minutes):"
+touch -d "@$(($(date +%s) - 660))" "$dir/.deploy_write_lock"
+showStatus
+"$tool" --timeout 1 "$dir" -- bash -c "say 'newcomer holds it: the dead lock was taken over'"
 showStatus
