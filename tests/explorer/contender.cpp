@@ -195,10 +195,15 @@ Result faulted(Call call, const char* path, Result failed, Body body) {
 
 constexpr double kLateSeconds = 1.0;
 
+constexpr double kNever = 1e300;
+
 struct Opened {
   std::string path;
   bool lockFile;
   int previous;  // the number it held when opened for writing, or -1
+  // When the open that made the file began, until its first write: the
+  // file was there from then on, and the maker's lease counts from then.
+  double made;
 };
 
 std::mutex observedMutex;
@@ -256,6 +261,8 @@ void wrote(int fd, const void* text, size_t size, double start) {
     say("take", "%s %d", o.path.c_str(), o.previous);
   }
   o.previous = -1;
+  start = std::min(start, o.made);
+  o.made = kNever;
   ownNumbers[number] = start;
   say("w", "%.4f %s %d", start, o.path.c_str(), number);
 }
@@ -293,18 +300,19 @@ extern "C" int hostOpen(const char* path, int flags, unsigned mode) {
   const bool writes = (flags & O_ACCMODE) != O_RDONLY;
   if (!writes || (flags & O_CREAT) != 0) readBackAt = -1;
   const int previous = lockFile && writes && (flags & O_CREAT) == 0 ? numberOf(path) : -1;
+  const bool creates = (flags & (O_CREAT | O_EXCL)) == (O_CREAT | O_EXCL);
+  const double start = now();
   // Stamped at once, before a late answer: the server has the file by then.
   const int fd = faulted(explorer::kOpen, path, -1, [&] {
     const int made = hostDefaultOpen(path, flags, mode);
-    if (made >= 0 &&
-        ((flags & O_TRUNC) != 0 || (flags & (O_CREAT | O_EXCL)) == (O_CREAT | O_EXCL))) {
+    if (made >= 0 && ((flags & O_TRUNC) != 0 || creates)) {
       stamp(made);
     }
     return made;
   });
   if (fd < 0) return fd;
   std::lock_guard<std::mutex> lock(observedMutex);
-  opened[fd] = Opened{path, lockFile, previous};
+  opened[fd] = Opened{path, lockFile, previous, creates ? start : kNever};
   return fd;
 }
 
@@ -588,7 +596,9 @@ int contenderMain(int argc, char** argv) {
   config.scale = atof(argv[7]);
   config.epochNs = atoll(argv[8]);
   config.faults = config.schedule->faults.at(static_cast<size_t>(config.id));
-  for (size_t i = 0; i < config.schedule->anyone.size(); ++i) {
+  // The steady contender takes none of anyone's faults.
+  for (size_t i = 0; config.id != config.schedule->steady && i < config.schedule->anyone.size();
+       ++i) {
     config.faults.push_back(config.schedule->anyone[i]);
     config.faults.back().anyone = static_cast<int>(i);
   }

@@ -144,6 +144,17 @@ Schedule::Schedule(unsigned long long s, bool c) : seed(s), calm(c) {
   }
   if (chance(0.15)) signals.push_back({uniform(1, end - 2), 1 + pick(processes - 1), SIGKILL, 0});
   oneHost = chance(0.25);  // drawn last: the draws above keep their seeds
+  // One survivor is steady, so that every schedule sees contender 0's file
+  // taken over: it is never stopped, killed or hung, pauses briefly, and
+  // takes none of anyone's faults.
+  steady = 1 + pick(processes - 1);
+  std::vector<Fault>& mild = faults[steady];
+  mild.erase(std::remove_if(mild.begin(), mild.end(), [](const Fault& f) { return f.kind == 's'; }),
+             mild.end());
+  for (Fault& f : mild) f.seconds = std::min(f.seconds, 3.0);
+  signals.erase(std::remove_if(signals.begin(), signals.end(),
+                               [this](const Signal& sig) { return sig.who == steady; }),
+                signals.end());
 }
 
 std::string Schedule::words() const {
@@ -156,6 +167,7 @@ std::string Schedule::words() const {
   std::string out = head;
   out += line("p0 takes the lock%s first and is killed %.1f s into that hold",
               rw ? " for writing" : "", dieAfter);
+  out += line("p%d is steady: never hung, stopped or killed, its pauses short", steady);
   for (const Step& s : server)
     out += line("the server's clock steps %+.1f s at %.1f s", s.delta, s.at);
   for (int p = 0; p < processes; ++p) {

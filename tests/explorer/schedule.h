@@ -90,6 +90,7 @@ struct Schedule {
   // dead at once; otherwise each stands for a host of its own, and only the
   // rules that work across hosts apply.
   bool oneHost;
+  int steady;  // the contender spared long faults (see Schedule())
 };
 
 }  // namespace explorer
