@@ -5,9 +5,14 @@
 # subset that should notice is run. A fault is killed when that run fails
 # (a time-out counts). It takes minutes, so it is not part of the test run.
 #
-#   scripts/mutants.sh              every fault
-#   scripts/mutants.sh REGEX        only the faults whose name matches REGEX
-#   scripts/mutants.sh --check      only tell which faults still apply (fast)
+#   scripts/mutants.sh                   every fault of both sets
+#   scripts/mutants.sh REGEX             only the faults whose name matches REGEX
+#   scripts/mutants.sh --set SET [REGEX] only the set SET: first, blind or all
+#   scripts/mutants.sh --check [...]     only tell which faults still apply (fast)
+#
+# There are two sets. "first" was written together with the tests; "blind"
+# was written later from the library's code and headers alone, so that the
+# faults it tries are not the ones the tests were shaped around.
 #
 # KORVEL_MUTANTS_DIR (default /tmp/korvel-mutants.<a hash of this tree's
 # place>) holds the scratch copy and
@@ -17,18 +22,21 @@
 # names every test that caught it.
 #
 # The faults, one per line:  name | file | exact text | replacement | ctest regex
+#   - names are unique across both sets (they name the logs);
 #   - the text must occur exactly once in the file, else the fault is
 #     reported as "does not apply" (update it when the code moves on);
 #   - in text and replacement, "\|" is a "|", "\n" a line break and "\\" a
 #     backslash; surrounding blanks are dropped;
 #   - the regex (the rest of the line) selects ctest names, which are
-#     "<test binary>.<suite>.<test>"; @paths, @threads, @ipc and @tool stand
-#     for the suites of a family.
+#     "<test binary>.<suite>.<test>"; @locks, @paths, @threads, @ipc and
+#     @tool stand for the suites of a family, alone or as alternatives
+#     ("@locks|@tool").
 # A fault that still survives is explained by a comment line above it.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit 2
 
-read -r -d '' FAULTS <<'EOF'
+# ---- The first set ----
+read -r -d '' FIRST_FAULTS <<'EOF'
 # ---- Lock files, stale test, directory locks ----
 stale_watched_a_second_longer | fs_lock/stale_test.cpp | const bool stale = watched > kObservationSeconds \|\| | const bool stale = watched > kObservationSeconds + 1 \|\| | FsLockTest\.Stale
 stale_by_file_times | fs_lock/stale_test.cpp | sighting.serverAge + watched > kLongDeadSeconds \|\| | sighting.serverAge + watched > korvel_protocol::kStaleSeconds \|\| | FsLockTest\.Stale|RwProcessTest\.FileTimes
@@ -173,14 +181,135 @@ report_cut_off_by_one | ipc/sem_messages.cpp | const int last = static_cast<int>
 report_unknown_written | ipc/sem_messages.cpp | if (n < 1) return n + 1; | | @ipc
 EOF
 
+# ---- The blind set ----
+# Written from the library's code and headers alone, without a look at the
+# tests. Each fault is a mistake the code invites: an off-by-one at a limit
+# (a file exactly 15 s old), milliseconds taken for seconds, the wrong
+# clock, a check left out, a condition turned round, a wrong constant. Its
+# regex selects the whole family that should notice; narrowing it to the
+# suites that do is left to whoever reads the results.
+read -r -d '' BLIND_FAULTS <<'EOF'
+# ---- Lock files and the stale test ----
+stale_at_exactly_the_observation_time | fs_lock/stale_test.cpp | const bool stale = watched > kObservationSeconds \|\| | const bool stale = watched >= kObservationSeconds \|\| | @locks
+long_dead_at_exactly_ten_minutes | fs_lock/stale_test.cpp | sighting.serverAge + watched > kLongDeadSeconds \|\| | sighting.serverAge + watched >= kLongDeadSeconds \|\| | @locks
+watched_until_now_not_the_last_look | fs_lock/stale_test.cpp | const double watched = sighting.lastSeen - sighting.firstSeen; | const double watched = hostMonotonic() - sighting.firstSeen; | @locks
+server_age_nanoseconds_as_microseconds | fs_lock/stale_test.cpp | static_cast<double>(now.mtimeNanos - state.mtimeNanos) / 1e9; | static_cast<double>(now.mtimeNanos - state.mtimeNanos) / 1e6; | @locks
+first_look_aged_on_the_wrong_clock | fs_lock/stale_test.cpp | hostRealtime() - static_cast<double>(seen->mtimeSeconds) > kObservationSeconds)) { | hostMonotonic() - static_cast<double>(seen->mtimeSeconds) > kObservationSeconds)) { | @locks
+earlier_sightings_ignored | fs_lock/stale_test.cpp | const double earlier = Sightings().firstSeen(sighting->state); | const double earlier = 0.0; | @locks
+fresh_file_left_beside_the_lock | fs_lock/stale_test.cpp | unlinkWithTenacity(fresh, Deadline::afterSeconds(0.02)); | | @locks
+same_as_ignores_the_number | fs_lock/lock_file.cpp | hasNumber == other.hasNumber && (!hasNumber \|\| number == other.number); | hasNumber == other.hasNumber; | @locks
+lock_file_opened_through_a_link | fs_lock/lock_file.cpp | constexpr int kSafeOpen = O_NOFOLLOW \| O_NONBLOCK \| O_NOCTTY \| O_CLOEXEC; | constexpr int kSafeOpen = O_NONBLOCK \| O_NOCTTY \| O_CLOEXEC; | @locks
+rewrite_leaves_old_digits | fs_lock/lock_file.cpp | (number.length < state_.size && hostFtruncate(fd_, number.length) != 0) \|\| | (number.length > state_.size && hostFtruncate(fd_, number.length) != 0) \|\| | @locks
+takeover_checks_the_device_only | fs_lock/lock_file.cpp | now.inode == written->inode ? Act::kDone | true ? Act::kDone | @locks
+# ---- The exclusive queue ----
+newcomer_jumps_the_queue | fs_lock/exclusive_lock.cpp | if (level != yieldedAt && above > 0) { | if (level == yieldedAt && above > 0) { | @locks
+single_attempt_skips_its_step_down | fs_lock/exclusive_lock.cpp | if (level_ > 0 && !singleAttempt_) { | if (level_ > 0) { | @locks
+zero_timeout_not_a_single_attempt | fs_lock/exclusive_lock.cpp | Deadline::after(timeout, unit), timeout == 0, noRefreshLoop | Deadline::after(timeout, unit), false, noRefreshLoop | @locks
+try_lock_for_counts_seconds | fs_lock/exclusive_lock.cpp | [this](unsigned long left) { return acquire(left, TimeUnit::sMilliseconds(), false); }, | [this](unsigned long left) { return acquire(left, TimeUnit::sSeconds(), false); }, | @locks
+exclusive_release_keeps_the_last_count | fs_lock/exclusive_lock.cpp | if (acquireCount_ > 1) {\n    --acquireCount_; | if (acquireCount_ >= 1) {\n    --acquireCount_; | @locks
+ended_refresh_loop_not_restarted | fs_lock/exclusive_lock.cpp | if (refreshRunning_ && !refreshEnded_) return; | if (refreshRunning_) return; | @locks
+sweep_period_counted_in_seconds | fs_lock/exclusive_lock.cpp | sweptAgo < kRefreshPeriodMs / 1000.0) return; | sweptAgo < kRefreshPeriodMs) return; | @locks
+sweep_only_ten_minute_old_places | fs_lock/exclusive_lock.cpp | now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kObservationSeconds) { | now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kLongDeadSeconds) { | @locks
+transient_back_off_uncapped | fs_lock/exclusive_lock.cpp | backOff_ = std::min(2 * backOff_, kMaxBackOffMs); | backOff_ = 2 * backOff_; | @locks
+lock_numbers_seeded_by_the_process_id | fs_lock/common.cpp | LockNumbers::LockNumbers() : value_(hostRandom()) {} | LockNumbers::LockNumbers() : value_(hostProcessId()) {} | @locks
+lock_numbers_never_advance | fs_lock/common.cpp | return static_cast<int>(value_.fetch_add(1) & 0x7fffffffu); | return static_cast<int>(value_.load() & 0x7fffffffu); | @locks
+# ---- Holdings, leases, deadlines and the refresh ----
+first_lease_from_the_acquisition_end | fs_lock/exclusive_lock.cpp | holding_->hold(levelFile(0), walk.written(), walk.since()); | holding_->hold(levelFile(0), walk.written(), hostMonotonic()); | @locks
+first_lease_only_a_refresh_period | fs_lock/holding.cpp | lost_ = false;\n    leaseEnd_ = start + korvel_protocol::kLeaseSeconds; | lost_ = false;\n    leaseEnd_ = start + korvel_protocol::kRefreshPeriodMs / 1000.0; | @locks
+lease_stacked_on_the_old_one | fs_lock/holding.cpp | written_ = written;\n    leaseEnd_ = start + korvel_protocol::kLeaseSeconds; | written_ = written;\n    leaseEnd_ = std::max(leaseEnd_, start) + korvel_protocol::kLeaseSeconds; | @locks
+lease_timer_wakes_a_second_late | fs_lock/holding.cpp | hostRealSeconds(wait + 0.001) | hostRealSeconds(wait + 1.0) | @locks
+lost_waits_for_the_lease_timer | fs_lock/holding.cpp | const_cast<LockHolding*>(this)->checkLease(hostMonotonic()); | | @locks
+loss_told_again_and_again | fs_lock/holding.cpp | if (lost_ \|\| !held_) return;\n    lost_ = true; | if (!held_) return;\n    lost_ = true; | @locks
+loss_outlives_the_next_acquisition | fs_lock/holding.cpp | held_ = true;\n    lost_ = false; | held_ = true; | @locks
+holder_read_back_ignores_the_content | fs_lock/holding.cpp | if (file.look() == Look::kFile && file.state().sameAs(written())) return true; | if (file.look() == Look::kFile) return true; | @locks
+release_retries_past_its_deadline | fs_lock/holding.cpp | while ((act = ours.remove(entitled)) == Act::kError && !isRefusal(errno) && !deadline.passed()) { | while ((act = ours.remove(entitled)) == Act::kError && !isRefusal(errno)) { | @locks
+capped_deadline_takes_the_later | fs_lock/common.cpp | return !infinite_ && at_ < cap.at_ ? *this : cap; | return !infinite_ && at_ > cap.at_ ? *this : cap; | @locks
+capped_forever_stays_forever | fs_lock/common.cpp | return !infinite_ && at_ < cap.at_ ? *this : cap; | return infinite_ \|\| at_ < cap.at_ ? *this : cap; | @locks
+deadline_in_whole_seconds | fs_lock/common.cpp | const double seconds = static_cast<double>(unit.toMillis(n)) / 1000.0; | const double seconds = static_cast<double>(unit.toSeconds(n)); | @locks
+lock_millis_counted_in_seconds | include/korvel/fs_lock.h | std::chrono::ceil<std::chrono::milliseconds>(d).count(); | std::chrono::ceil<std::chrono::seconds>(d).count(); | @locks
+# ---- The read-write lock ----
+own_reader_blocks_own_reader | fs_lock/read_write_lock.cpp | (write && dir->ownsReadLock()) | (!write && dir->ownsReadLock()) | @locks
+foreign_write_lock_counts_as_free | fs_lock/read_write_lock.cpp | case Look::kForeign:  // named by the stale test; it blocks like a holder\n      return 1;\n    case Look::kMissing: | return 1;\n    case Look::kForeign:\n    case Look::kMissing: | @locks
+stale_readers_never_judged | fs_lock/read_write_lock.cpp | if (name == writeName \|\| name.compare(0, readPrefix.size(), readPrefix) == 0) { | if (name == writeName) { | @locks
+rw_back_off_uncapped | fs_lock/read_write_lock.cpp | backOff = std::min(2 * backOff, kMaxBackOffMs); | backOff = 2 * backOff; | @locks
+rw_refresh_only_under_the_dir_lock | fs_lock/read_write_lock.cpp | false);\n      failed = refreshOnce(holdings, owner_->numbers); | false);\n      if (guard.held()) failed = refreshOnce(holdings, owner_->numbers); | @locks
+rw_refresh_waits_1000_s_for_the_dir_lock | fs_lock/read_write_lock.cpp | constexpr double kRefreshDirLockSeconds = 1.0; | constexpr double kRefreshDirLockSeconds = 1000.0; | @locks
+rw_refresh_every_50_s | fs_lock/read_write_lock.cpp | if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping | if (LoopWait::waitFor(context, kRefreshPeriodMs / 100.0)) return;  // stopping | @locks
+single_attempt_gives_up_on_a_busy_dir_lock | fs_lock/read_write_lock.cpp | constexpr double kSingleAttemptDirLockSeconds = 1.0; | constexpr double kSingleAttemptDirLockSeconds = 0.0; | @locks
+rw_release_in_a_forked_child | fs_lock/read_write_lock.cpp | if (holding->heldElsewhere()) return false; | | @locks
+rw_child_joins_the_parents_refresh | fs_lock/read_write_lock.cpp | if (holding->heldElsewhere()) {\n      // A forked child | if (holding->held()) {\n      // A forked child | @locks
+rw_nested_acquire_of_a_lost_lock | fs_lock/read_write_lock.cpp | if (holding->lost()) {\n    errno = ENOLCK; | if (false) {\n    errno = ENOLCK; | @locks
+rw_nested_release_off_by_one | fs_lock/read_write_lock.cpp | if (count > 1) {\n    --count; | if (count > 2) {\n    --count; | @locks
+# ---- On one host: registrations and the file watch ----
+registration_lock_only_queried | fs_lock/this_host.cpp | hostLockControl(fd, F_OFD_SETLK, &lock) != 0 \|\| | hostLockControl(fd, F_OFD_GETLK, &lock) != 0 \|\| | @locks
+registration_left_behind | fs_lock/this_host.cpp | hostUnlink(path_.c_str());\n  hostClose(fd_); | hostClose(fd_); | @locks
+registration_closed_across_exec | fs_lock/this_host.cpp | (keepAcrossExec ? 0 : O_CLOEXEC) | (keepAcrossExec ? O_CLOEXEC : 0) | @locks|@tool
+watch_misses_moves | fs_lock/watch.cpp | constexpr uint32_t kChanges = IN_ATTRIB \| IN_DELETE_SELF \| IN_MOVE_SELF; | constexpr uint32_t kChanges = IN_ATTRIB \| IN_DELETE_SELF; | @locks
+watch_sleeps_milliseconds_as_seconds | fs_lock/watch.cpp | const double seconds = std::min(ms / 1000.0, deadline.remaining()); | const double seconds = std::min(static_cast<double>(ms), deadline.remaining()); | @locks
+# ---- Paths and trees ----
+pattern_under_root_walks_the_working_directory | host/host_paths.cpp | size_t dirLen = slash == path ? 1 : static_cast<size_t>(slash - path); | size_t dirLen = static_cast<size_t>(slash - path); | @paths
+listing_under_root_lists_the_working_directory | host/host_paths.cpp | size_t dirLen = slash == nullptr ? 0 : (slash == pathPattern ? 1 : slash - pathPattern); | size_t dirLen = slash == nullptr ? 0 : slash - pathPattern; | @paths
+mkdirp_takes_a_plain_file_for_a_directory | paths/tree.cpp | if (koIsDirectory(prefix.c_str())) continue; | if (koFileOrDirExists(prefix.c_str())) continue; | @paths
+removerf_true_for_a_missing_path | paths/tree.cpp | return oldMode != 0; | return true; | @paths
+exists_false_for_two_matches | paths/dir_walker.cpp | return koFindMatchingFilesAndDirs(pattern, ignore, ignore, 0, true) == 1; | return koFindMatchingFilesAndDirs(pattern, ignore, ignore, 0, false) == 1; | @paths
+trailing_slash_lists_nothing | paths/dir_walker.cpp | if (*name == '\\0') { | if (false) { | @paths
+directory_size_of_the_top_level_only | paths/dir_walker.cpp | findMatching(pattern, AddFileSizes{&total}, 4096, false); | findMatching(pattern, AddFileSizes{&total}, 0, false); | @paths
+collapse_keeps_dot_segments | paths/path_strings.cpp | if (len == 1 && r[0] == '.') { | if (len == 0 && r[0] == '.') { | @paths
+add_sep_at_looks_one_too_far | paths/path_strings.cpp | koIsPathSep(static_cast<unsigned char>(path[pos - 1]))) return 0; | koIsPathSep(static_cast<unsigned char>(path[pos]))) return 0; | @paths
+file_exists_true_for_directories | paths/path_strings.cpp | return hostStat(path, &st) == 0 && !S_ISDIR(st.st_mode); | return hostStat(path, &st) == 0; | @paths
+available_space_without_the_reserve | paths/path_strings.cpp | static_cast<uint64_t>(fs.f_bfree); | static_cast<uint64_t>(fs.f_bavail); | @paths
+temp_dir_from_tmpdir | paths/path_strings.cpp | const char* tmp = getenv("TMP"); | const char* tmp = getenv("TMPDIR"); | @paths
+temp_dir_without_its_separator | paths/path_strings.cpp | koAddPathSep(tempDirBuffer); | | @paths
+module_last_match_wins | paths/modules.cpp | if (score > bestScore_) { | if (score >= bestScore_) { | @paths
+module_first_symbol_unchecked | paths/modules.cpp | for (unsigned long i = 0; i < symbolCount_; ++i) { | for (unsigned long i = 1; i < symbolCount_; ++i) { | @paths
+# ---- Threads and the pool ----
+pool_zero_idle_means_unlimited | threads/thread_pool.cpp | maxIdleThreads_ == kNoLimit \|\| | maxIdleThreads_ == 0 \|\| | @threads
+pool_makes_one_thread_too_many | threads/thread_pool.cpp | for (unsigned long i = 0; i < initialThreads; ++i) { | for (unsigned long i = 0; i <= initialThreads; ++i) { | @threads
+recycled_body_kept_alive | threads/thread_pool.cpp | recycled->reset(boost::function0<void*>(&do_nothing)); | | @threads
+invalid_state_detail_lost | threads/thread.cpp | const size_t prefix = sizeof kInvalidStatePrefix - 1; | const size_t prefix = sizeof kInvalidStatePrefix; | @threads
+loop_second_start_not_counted | include/korvel/threads.h | ++useCount_; | | @threads
+cpu_quota_rounded_up | host/host_threads.cpp | usable = std::min<long long>(usable, quota / period); | usable = std::min<long long>(usable, (quota + period - 1) / period); | @threads
+# ---- Named semaphores and their messages ----
+sem_created_taken | include/korvel/ipc.h | int32_t initialValue_ = 1; | int32_t initialValue_ = 0; | @ipc
+sem_slash_test_inverted | ipc/semaphore.cpp | if (name[0] != '/') name_ = "/"; | if (name[0] == '/') name_ = "/"; | @ipc
+sem_name_at_the_limit_reported | ipc/semaphore.cpp | if (name_.size() > static_cast<size_t>(kMaxNameLength)) { | if (name_.size() >= static_cast<size_t>(kMaxNameLength)) { | @ipc
+sem_shortened_from_the_end | ipc/semaphore.cpp | name_.erase(1, 1); | name_.erase(name_.size() - 1, 1); | @ipc
+sem_open_failure_error_not_kept | ipc/semaphore.cpp | lastError_ = errno;\n  koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_OPEN_FAILED, | koReportSemMessage(&koSemReporter, stderr, KORVEL_SEM_OPEN_FAILED, | @ipc
+sem_release_keeps_ownership | ipc/semaphore.cpp | ownsLock_ = false;\n  return posted; | return posted; | @ipc
+catalogue_pairs_misread | host/host_messages.cpp | ++i, pair += 2) { | ++i, pair += 1) { | @ipc
+report_without_newline | ipc/sem_messages.cpp | reporter->text[n] = '\\n'; | | @ipc
+report_length_off_by_one | ipc/sem_messages.cpp | return n + 2; | return n + 1; | @ipc
+# ---- korvel-lock ----
+tool_wait_in_milliseconds | tools/korvel_lock.cpp | const double deadline = o.timed ? start + o.waitSeconds : -1.0; | const double deadline = o.timed ? start + o.waitSeconds / 1000.0 : -1.0; | @tool
+tool_nonblock_waits_forever | tools/korvel_lock.cpp | case 'n':\n        o.timed = true; | case 'n':\n        o.timed = false; | @tool
+tool_retry_back_off_uncapped | tools/korvel_lock.cpp | backOffMs = std::min(backOffMs * 2, 1000u); | backOffMs = backOffMs * 2; | @tool
+tool_conflict_exit_code_ignored | tools/korvel_lock.cpp | return o.conflictStatus; | return kDefaultConflict; | @tool
+tool_shared_and_exclusive_swapped | tools/korvel_lock.cpp | o.shared ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(reading) : writing; | !o.shared ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(reading) : writing; | @tool
+tool_c_without_dash_c | tools/korvel_lock.cpp | o.command = {"/bin/sh", "-c", commandLine}; | o.command = {"/bin/sh", commandLine}; | @tool
+tool_signal_status_without_128 | tools/korvel_lock.cpp | return kSignalBase + WTERMSIG(status); | return WTERMSIG(status); | @tool
+tool_missing_command_exits_126 | tools/korvel_lock.cpp | _exit(error == ENOENT ? kCommandNotFound : kCannotExecute); | _exit(kCannotExecute); | @tool
+tool_loss_exit_status_dropped | tools/korvel_lock.cpp | return o.ignoreLoss ? status : kLockLost; | return status; | @tool
+tool_status_needs_write_access | tools/korvel_lock.cpp | checkDirectory(o.directory, "examine", false); | checkDirectory(o.directory, "examine", true); | @tool
+tool_status_stale_before_held | tools/korvel_lock.cpp | return foreign ? kStatusForeign : live ? kStatusHeld : stale ? kStatusStale : kStatusFree; | return foreign ? kStatusForeign : stale ? kStatusStale : live ? kStatusHeld : kStatusFree; | @tool
+tool_clean_trusts_the_server_clock | tools/korvel_lock.cpp | } else if (!isDead(file)) { | } else if (!isDead(file) && !korvel_tool::isStale(file, now)) { | @tool
+tool_file_exactly_15_s_old_is_stale | tools/lock_files.cpp | ageOf(file, now) > korvel_protocol::kStaleSeconds; | ageOf(file, now) >= korvel_protocol::kStaleSeconds; | @tool
+EOF
+
+# The family macros, each a ctest regex of its own; a fault's regex may
+# join them as alternatives.
 expand_regex() {
-  case "$1" in
-    @paths) echo '^(paths_test|modules_test|host_override_test)\.|^path_fuzz' ;;
-    @threads) echo '^threads_test\.' ;;
-    @ipc) echo '^(semaphore_test|ipc_host_services_test)\.' ;;
-    @tool) echo '^korvel_lock_test\.' ;;
-    *) echo "$1" ;;
-  esac
+  local re=$1
+  local locks='^fs_lock_test\.|^lock_explorer_calm$'
+  local paths='^(paths_test|modules_test|host_override_test)\.|^path_fuzz'
+  local threads='^threads_test\.'
+  local ipc='^(semaphore_test|ipc_host_services_test)\.'
+  local tool='^korvel_lock_test\.'
+  re=${re//@locks/"$locks"}
+  re=${re//@paths/"$paths"}
+  re=${re//@threads/"$threads"}
+  re=${re//@ipc/"$ipc"}
+  re=${re//@tool/"$tool"}
+  echo "$re"
 }
 
 # Field decoding; "\|" was turned into \x01 before the line was split.
@@ -220,11 +349,43 @@ trim() {
 # while it runs cannot change what it does.
 main() {
   check_only=false
-  if [ "${1:-}" = "--check" ]; then
-    check_only=true
+  set_name=all
+  filter=""
+  while [ $# -gt 0 ]; do
+    case "$1" in
+      --check) check_only=true ;;
+      --set)
+        [ $# -ge 2 ] || {
+          echo "mutants.sh: --set needs first, blind or all" >&2
+          exit 2
+        }
+        set_name=$2
+        shift
+        ;;
+      --set=*) set_name=${1#--set=} ;;
+      -*)
+        echo "mutants.sh: unknown option $1" >&2
+        exit 2
+        ;;
+      *)
+        if [ -n "$filter" ]; then
+          echo "mutants.sh: one REGEX only" >&2
+          exit 2
+        fi
+        filter=$1
+        ;;
+    esac
     shift
-  fi
-  filter=${1:-}
+  done
+  case "$set_name" in
+    first) faults=$FIRST_FAULTS ;;
+    blind) faults=$BLIND_FAULTS ;;
+    all) faults=$FIRST_FAULTS$'\n'$BLIND_FAULTS ;;
+    *)
+      echo "mutants.sh: --set takes first, blind or all, not '$set_name'" >&2
+      exit 2
+      ;;
+  esac
   # One scratch copy per work tree: two trees never share one.
   scratch=${KORVEL_MUTANTS_DIR:-/tmp/korvel-mutants.$(pwd | md5sum | cut -c1-8)}
   src=$scratch/src
@@ -236,6 +397,7 @@ main() {
 
   # ---- The list ----
   names=() files=() texts=() repls=() regexes=()
+  declare -A named=()
   while IFS= read -r line; do
     [[ -z "${line//[[:space:]]/}" || "$line" =~ ^[[:space:]]*# ]] && continue
     fields=${line//'\|'/$'\x01'}
@@ -249,13 +411,18 @@ main() {
     text=${fields%%|*} && fields=${fields#*|}
     repl=${fields%%|*} && regex=${fields#*|}
     name=$(trim "$name")
+    if [ -n "${named[$name]:-}" ]; then
+      echo "mutants.sh: the name $name is used twice" >&2
+      exit 2
+    fi
+    named[$name]=1
     [ -n "$filter" ] && ! [[ "$name" =~ $filter ]] && continue
     names+=("$name")
     files+=("$(trim "$file")")
     texts+=("$(decode "$(trim "$text")")")
     repls+=("$(decode "$(trim "$repl")")")
     regexes+=("$(expand_regex "$(trim "${regex//$'\x01'/\\|}")")")
-  done <<<"$FAULTS"
+  done <<<"$faults"
   total=${#names[@]}
   if [ "$total" -eq 0 ]; then
     echo "mutants.sh: no fault matches '$filter'" >&2
@@ -264,15 +431,18 @@ main() {
 
   if $check_only; then
     status=0
+    applying=0
     for ((i = 0; i < total; i++)); do
       n=$(occurrences "${files[$i]}" "${texts[$i]}")
       if [ "$n" -eq 1 ]; then
+        applying=$((applying + 1))
         printf '%-15s %s\n' "applies" "${names[$i]}"
       else
         printf '%-15s %s (found %d times in %s)\n' "does not apply" "${names[$i]}" "$n" "${files[$i]}"
         status=1
       fi
     done
+    echo "$applying of $total faults apply (set $set_name)"
     exit $status
   fi
 
