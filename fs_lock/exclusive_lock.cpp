@@ -56,7 +56,9 @@ class koDirectoryExclusiveLock::Impl::RefreshLoop {
       LoopWait::waitFor(context, period);
       return;
     }
-    if (!o.refreshLingered_ && LoopWait::waitFor(context, period)) return;  // stopping
+    if (!o.refreshLingered_ && LoopWait::waitFor(context, untilRefresh({o.holding_}))) {
+      return;  // stopping
+    }
     o.refreshLingered_ = false;
     if (!o.refreshWanted_) return;  // released meanwhile
     verboseLog << "Touching lock file..." << std::endl;

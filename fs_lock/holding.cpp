@@ -348,6 +348,23 @@ Released releaseHolding(LockHolding& holding, const std::string& directory,
   return Released::kLost;
 }
 
+double LockHolding::refreshDue() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!held_ || lost_ || leaseEnd_ == 0.0) return 0.0;
+  return leaseEnd_ - korvel_protocol::kLeaseSeconds + korvel_protocol::kRefreshPeriodMs / 1000.0;
+}
+
+double untilRefresh(const Holdings& holdings) {
+  const double period = korvel_protocol::kRefreshPeriodMs / 1000.0;
+  const double now = hostMonotonic();
+  double wait = period;
+  for (const std::shared_ptr<LockHolding>& holding : holdings) {
+    const double due = holding->refreshDue();
+    if (due != 0.0) wait = std::min(wait, due - now);
+  }
+  return std::max(wait, korvel_protocol::kPollMs / 1000.0);
+}
+
 Holdings refreshOnce(const Holdings& holdings, LockNumbers& numbers) {
   Holdings failed;
   for (const std::shared_ptr<LockHolding>& holding : holdings) {

@@ -81,6 +81,9 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   // For the lease timer: ends the lease if it is over. Returns the time the
   // lease ends, or 0 when nothing is armed.
   double checkLease(double now);
+  // When the file is next due to be rewritten: a refresh period after the
+  // start of its last write. 0 when nothing is held.
+  double refreshDue() const;
 
  private:
   mutable std::mutex mutex_;
@@ -128,6 +131,11 @@ Released releaseHolding(LockHolding& holding, const std::string& directory,
 
 typedef std::vector<std::shared_ptr<LockHolding>> Holdings;
 
+// Seconds until the first of holdings is due for its refresh, between a
+// poll and a refresh period. Counted from the last write, not from the last
+// wake: an acquisition that was slow in getting its file written must not
+// push the first refresh past the lease.
+double untilRefresh(const Holdings& holdings);
 // Refreshes each holding once; returns those whose writes failed.
 Holdings refreshOnce(const Holdings& holdings, LockNumbers& numbers);
 // Retries failed refreshes with back-off for up to 2.5 s, or until a stop

@@ -16,7 +16,6 @@
 #include "host/host.h"
 
 using korvel_protocol::kPollMs;
-using korvel_protocol::kRefreshPeriodMs;
 using Zentha::System::TimeUnit;
 
 namespace {
@@ -120,7 +119,8 @@ bool DirectoryLockGuard::leaseHolds() const {
 const double koDirectoryReadWriteLock::AbstractLock::STALE_TIMEOUT_SEC =
     korvel_protocol::kStaleSeconds;
 
-// Rewrites every held file that asks for refresh, every 5 s, after the wait.
+// Rewrites every held file that asks for refresh, every 5 s, after the wait
+// (the first when the earliest is due).
 // Under the directory lock, as others have always seen it done; but it
 // waits for it at most kRefreshDirLockSeconds: the lease matters more.
 class koDirectoryReadWriteLock::Impl::RefreshLoop {
@@ -128,7 +128,7 @@ class koDirectoryReadWriteLock::Impl::RefreshLoop {
   explicit RefreshLoop(Impl* owner) : owner_(owner) {}
 
   void operator()(koSynchronizedLoopContext& context) const {
-    if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping
+    if (LoopWait::waitFor(context, untilRefresh(owner_->refreshedFiles()))) return;  // stopping
     const Holdings holdings = owner_->refreshedFiles();
     if (holdings.empty()) return;
     Holdings failed;
