@@ -555,7 +555,9 @@ bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool 
   }
   QueueWalk walk(*this, deadline, singleAttempt, holderPatience);
   if (!walk.run()) {
+    const int error = errno;
     judge_.remember();
+    errno = error;
     return false;
   }
   acquireCount_ = 1;

@@ -112,7 +112,11 @@ class Watcher {
     const auto found = users_.find(watch);
     if (found == users_.end() || --found->second > 0) return;
     users_.erase(found);
-    hostInotifyRmWatch(fd_, watch);  // fails harmlessly for a watch the kernel ended
+    // Fails harmlessly for a watch the kernel ended; it runs as a failed
+    // wait unwinds, whose errno the caller is about to read.
+    const int error = errno;
+    hostInotifyRmWatch(fd_, watch);
+    errno = error;
   }
 
   // REQUIRES: mutex_ held.

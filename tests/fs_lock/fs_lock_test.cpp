@@ -206,6 +206,7 @@ TEST_F(FsLockTest, BusyLockTimesOutAndLeavesNoQueueFile) {
   const auto before = std::chrono::steady_clock::now();
   EXPECT_FALSE(other.acquire(300, TimeUnit::sMilliseconds(), true));
   EXPECT_GE(secondsSince(before), 0.25);
+  EXPECT_EQ(errno, ETIMEDOUT) << "kept through the clean-up of the wait";
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"});
 }
 

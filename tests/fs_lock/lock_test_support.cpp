@@ -213,6 +213,13 @@ extern "C" int hostInotifyAddWatch(int fd, const char* path, uint32_t mask) {
   return hostDefaultInotifyAddWatch(fd, path, mask);
 }
 
+// The kernel ends the watch of a file that went, and its removal then
+// fails (EINVAL). Here every removal fails so, as on a busy share.
+extern "C" int hostInotifyRmWatch(int fd, int watch) {
+  hostDefaultInotifyRmWatch(fd, watch);
+  return fail(EINVAL);
+}
+
 // What the locks learn on this host stays with this test run, and with the
 // lock_child processes it starts (KORVEL_TEST_STATE_DIR).
 extern "C" const char* hostLocalStateDirectory() {
