@@ -15,7 +15,8 @@ packages=(cmake ninja-build g++ pkg-config libboost-thread-dev groff-base)
 case "${1:-}" in
   test)
     packages+=(libgtest-dev libgmock-dev libbenchmark-dev clang-format clang-tidy
-               dpkg-dev lintian)  # dpkg-dev and lintian: the Debian packages
+               dpkg-dev lintian  # dpkg-dev and lintian: the Debian packages
+               ccache)           # the faults of scripts/mutants.sh, rebuilt
     ;;
   multihost) packages=(iproute2 openssh-server sshfs libfaketime) ;;
   glusterfs) packages=(iproute2 glusterfs-server glusterfs-client libfaketime) ;;

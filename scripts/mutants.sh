@@ -312,6 +312,24 @@ expand_regex() {
   echo "$re"
 }
 
+# The build targets that the tests selected by the regex $1 run: a test
+# binary is the first part of its tests' names, and builds what it runs
+# (lock_child, korvel-lock). Prints "--target T..." or nothing for all.
+targets_of() {
+  local names
+  names=$(ctest --test-dir "$build" -N -R "$1" | sed -n 's/^ *Test *#[0-9]*: //p' |
+    while read -r t; do
+      case "$t" in
+        *.*) echo "${t%%.*}" ;;
+        lock_explorer*) echo lock_explorer ;;
+        *) echo all ;;
+      esac
+    done | sort -u)
+  if [ -n "$names" ] && ! grep -qx all <<<"$names"; then
+    echo "--target" $names
+  fi
+}
+
 # Field decoding; "\|" was turned into \x01 before the line was split.
 decode() {
   local s=$1
@@ -457,9 +475,15 @@ main() {
     fi
   done
 
+  # With ccache, putting a file back after its fault costs no compile.
+  launcher=()
+  if command -v ccache >/dev/null; then
+    export CCACHE_DIR=$scratch/ccache
+    launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  fi
   echo "building the scratch copy in $build ..."
   if ! { cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF -DKORVEL_WERROR=OFF &&
+    -DKORVEL_BUILD_BENCH=OFF -DKORVEL_BUILD_EXAMPLES=OFF -DKORVEL_WERROR=OFF "${launcher[@]}" &&
     cmake --build "$build" -j "$jobs"; } >"$logs/build.log" 2>&1; then
     echo "mutants.sh: the unchanged tree does not build; see $logs/build.log" >&2
     exit 2
@@ -468,7 +492,7 @@ main() {
   # A fault is tried only when its text is found exactly once and its regex
   # selects tests; those tests must pass unchanged, else a "kill" would mean
   # nothing.
-  declare -A selects=()
+  declare -A selects=() targets=()
   labels=()
   union=""
   for ((i = 0; i < total; i++)); do
@@ -483,6 +507,7 @@ main() {
     if [ -z "${selects[$re]:-}" ]; then
       selects[$re]=$(ctest --test-dir "$build" -N -R "$re" | sed -n 's/^Total Tests: //p')
       [ "${selects[$re]:-0}" -gt 0 ] && union+="${union:+|}$re"
+      targets[$re]=$(targets_of "$re")
     fi
     if [ "${selects[$re]:-0}" -eq 0 ]; then
       labels[i]="selects no test"
@@ -523,7 +548,8 @@ main() {
       cp "$target" "$target.orig"
       current=$target
       printf '%s' "${content/"$text"/"$repl"}" >"$target"
-      if ! cmake --build "$build" -j "$jobs" >"$log" 2>&1; then
+      # shellcheck disable=SC2086 # a list of targets, or none for all
+      if ! cmake --build "$build" -j "$jobs" ${targets[${regexes[$i]}]} >"$log" 2>&1; then
         label="build failed"
       elif ctest --test-dir "$build" -j "$jobs" $stop -R "${regexes[$i]}" >>"$log" 2>&1; then
         label="SURVIVED"

@@ -117,6 +117,12 @@ void say(const std::string& line) {
   fflush(stdout);
 }
 
+// A failed acquire or release: says why, returns status.
+int failed(const char* what, int status) {
+  say(std::string(what) + " failed: " + strerror(errno));
+  return status;
+}
+
 std::string interval(const char* kind, long long start, long long asked) {
   return std::string(kind) + " " + std::to_string(start) + " " + std::to_string(now()) + " " +
          std::to_string(asked);
@@ -190,14 +196,14 @@ int countLoop(const std::string& dir, int rounds) {
   int overlaps = 0;
   for (int i = 0; i < rounds; ++i) {
     const long long asked = now();
-    if (!lock.acquire(koForever, TimeUnit::sSeconds(), false)) return 100;
+    if (!lock.acquire(koForever, TimeUnit::sSeconds(), false)) return failed("acquire", 100);
     const long long start = now();
     const bool alone = createExclusive(inside);
     overlaps += !alone;
     addOne(dir + "/counter");
-    if (alone) unlink(inside.c_str());
+    if (alone && unlink(inside.c_str()) != 0) failed("removing the marker", 0);
     say(interval("X", start, asked));
-    if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
+    if (!lock.release(koForever, TimeUnit::sSeconds())) return failed("release", 101);
   }
   return overlaps > 99 ? 99 : overlaps;
 }
@@ -238,9 +244,9 @@ int rwMix(const std::string& dir, const std::string& work, int rounds, unsigned 
     koDirectoryReadWriteLock::AbstractLock& lock =
         write ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(writing) : reading;
     const long long asked = now();
-    if (!lock.acquire(koForever, TimeUnit::sSeconds())) return 100;
+    if (!lock.acquire(koForever, TimeUnit::sSeconds())) return failed("acquire", 100);
     overlaps += holdWork(work, write, holdUs, asked);
-    if (!lock.release(koForever, TimeUnit::sSeconds())) return 101;
+    if (!lock.release(koForever, TimeUnit::sSeconds())) return failed("release", 101);
   }
   say("writes " + std::to_string(writes) + " reads " + std::to_string(rounds - writes));
   return overlaps > 99 ? 99 : overlaps;
