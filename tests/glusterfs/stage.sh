@@ -410,8 +410,9 @@ deadTool() {
 
 # 5. features.ctime stamps file times with the client's clock: the holder's
 # host (its glusterfs client and its processes) is 3 minutes slow or fast.
-# The live holder keeps its lock for 20 s, and once killed it is taken over
-# 15 to 17.5 s after its last refresh.
+# The live holder keeps its lock for 22 s, and once killed it is taken over
+# 15 to 17.5 s after its last refresh. The kill falls between two refreshes:
+# one made a moment before it may reach the watcher only after it.
 skew() {
   local pair=$1 seconds=$2 hostA=a5$1 hostB=b5$1
   local probe=$shared/skew-probe-$pair fail="" offset
@@ -419,7 +420,7 @@ skew() {
   offset=$(($(on "$hostB" stat -c %Y "$probe") - $(date +%s)))
   within "$offset" $((seconds - 5)) $((seconds + 5)) || fail+=" file times not skewed ($offset s)"
   local delay refreshes left more
-  read -r delay refreshes left more < <(holdAndKill "skew$pair" "$hostA" "$hostB" 20 "$seconds")
+  read -r delay refreshes left more < <(holdAndKill "skew$pair" "$hostA" "$hostB" 22 "$seconds")
   fail+="${more:+ $more}"
   local kept=yes
   case "$more" in *"live holder"*)
@@ -427,7 +428,7 @@ skew() {
     ;;
   esac
   verdict "5 ctime skew, holder on $hostA stamping files $offset s off, waiter on $hostB" \
-    "live holder kept the lock 20 s: $kept (refreshes seen: $refreshes); killed, taken over $delay s after its last refresh; $left lock files left" "$fail"
+    "live holder kept the lock 22 s: $kept (refreshes seen: $refreshes); killed, taken over $delay s after its last refresh; $left lock files left" "$fail"
 }
 skewSlow() { skew s -180; }
 skewFast() { skew f +180; }
