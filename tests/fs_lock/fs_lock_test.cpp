@@ -90,6 +90,28 @@ TEST_F(FsLockTest, LockFilesAreActedOnOnlyAsTheyWereJudged) {
   EXPECT_EQ(Judgement(lock, written).writeOver(8, kAlways, &made), Act::kChanged);
   EXPECT_FALSE(koFileOrDirExists(lock.c_str())) << "a lost file is never re-created";
 
+  // Replaced between the check and the write: the write went to a file
+  // nobody sees any more.
+  const std::string other = at("other");
+  ASSERT_EQ(createLockFile(dir, lock, 0600, 10, &made), Create::kMade);
+  korvel_test::writeFile(other, "11");
+  korvel_test::observeLooks([&](const char* path) {
+    if (path == lock) rename(other.c_str(), lock.c_str());
+  });
+  EXPECT_EQ(Judgement(lock, made).writeOver(12, kAlways, &written), Act::kChanged);
+  korvel_test::observeLooks(nullptr);
+  EXPECT_EQ(readFile(lock), "11");
+  // A link at the name is foreign, even to a number in a file of one's own:
+  // nothing is read or written through it.
+  ASSERT_EQ(unlink(lock.c_str()), 0);
+  korvel_test::writeFile(other, "13");
+  ASSERT_EQ(symlink(other.c_str(), lock.c_str()), 0);
+  EXPECT_EQ(OpenLockFile(lock, O_RDWR).look(), Look::kForeign);
+  EXPECT_EQ(Judgement(lock, stateOf(other)).writeOver(14, kAlways, &written), Act::kChanged);
+  EXPECT_EQ(readFile(other), "13");
+  ASSERT_EQ(unlink(lock.c_str()), 0);
+  ASSERT_EQ(unlink(other.c_str()), 0);
+
   // Removal with patience: about 20 ms, but one attempt whatever the deadline.
   const auto before = std::chrono::steady_clock::now();
   EXPECT_FALSE(unlinkWithTenacity(at("missing"), Deadline::afterSeconds(0.02)));
@@ -124,11 +146,13 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
   FileState seen;
   {
     koStaleLockRemover judge;
+    korvel_test::freezeClock(true);  // the limit met exactly
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive) << "five minutes old, but just seen";
-    korvel_test::advanceClock(14.9);
-    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
-    korvel_test::advanceClock(0.2);
+    korvel_test::advanceClock(15.0);
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive) << "exactly 15 s is not more";
+    korvel_test::advanceClock(0.001);
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kStale);
+    korvel_test::freezeClock(false);
     korvel_test::writeFile(lock, "2");  // its holder refreshed: watched afresh
     ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
@@ -139,6 +163,19 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
   {
     koStaleLockRemover judge;
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kStale);
+  }
+  // Watched until the last look began: a server that took a second to
+  // make the fresh file says nothing of that second.
+  {
+    korvel_test::writeFile(lock, "3");
+    koStaleLockRemover judge;
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
+    korvel_test::advanceClock(14.5);
+    korvel_test::observeOpens([&lock](const char* path, int flags) {
+      if ((flags & O_CREAT) != 0 && path != lock) korvel_test::advanceClock(1.0);
+    });
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
+    korvel_test::observeOpens(nullptr);
   }
   for (const time_t age : {590, 610}) {
     korvel_test::writeFile(lock, std::to_string(age));

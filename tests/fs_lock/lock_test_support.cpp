@@ -32,11 +32,13 @@ struct Hooks {
   std::map<std::string, int> writeCounts;
   std::function<void(const char*, int)> openObserver;
   std::function<void(const char*)> removeObserver;
+  std::function<void(const char*)> lookObserver;
 };
 
 std::mutex hookMutex;
 Hooks hooks;  // guarded by hookMutex
 std::atomic<double> clockOffset{0.0};
+std::atomic<double> frozenAt{0.0};  // 0: the clock runs
 std::atomic<double> waitScale{1.0};
 std::atomic<bool> watchesFail{false};
 std::atomic<bool> renamesRefused{false};
@@ -75,6 +77,15 @@ void observeRemoves(std::function<void(const char*)> observer) {
   hooks.removeObserver = std::move(observer);
 }
 
+void observeLooks(std::function<void(const char*)> observer) {
+  std::lock_guard<std::mutex> lock(hookMutex);
+  hooks.lookObserver = std::move(observer);
+}
+
+void freezeClock(bool frozen) {
+  frozenAt = frozen ? std::floor(hostDefaultMonotonic()) : 0.0;
+}
+
 void advanceClock(double seconds) {
   clockOffset = clockOffset + seconds;
 }
@@ -100,6 +111,7 @@ void clearHooks() {
   std::lock_guard<std::mutex> lock(hookMutex);
   hooks = Hooks();
   clockOffset = 0.0;
+  frozenAt = 0.0;
   waitScale = 1.0;
   watchesFail = false;
   renamesRefused = false;
@@ -201,7 +213,8 @@ extern "C" int hostClose(int fd) {
 }
 
 extern "C" double hostMonotonic() {
-  return hostDefaultMonotonic() + korvel_test::clockOffset;
+  const double frozen = korvel_test::frozenAt;
+  return (frozen != 0.0 ? frozen : hostDefaultMonotonic()) + korvel_test::clockOffset;
 }
 
 extern "C" double hostRealSeconds(double seconds) {
@@ -229,6 +242,7 @@ extern "C" const char* hostLocalStateDirectory() {
 extern "C" int hostLstat(const char* path, struct stat* st) {
   {
     std::lock_guard<std::mutex> lock(hookMutex);
+    if (hooks.lookObserver) hooks.lookObserver(path);
     if (const int error = faultFor(Fault::kStat, path)) return fail(error);
   }
   const int rc = hostDefaultLstat(path, st);

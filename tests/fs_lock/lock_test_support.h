@@ -32,6 +32,11 @@ enum class Fault {
 // of that long would; clearHooks() sets it back.
 void advanceClock(double seconds);
 
+// Stops this process's monotonic clock at a whole second, so that only
+// advanceClock moves it: a limit can be met exactly. No timed wait may run
+// meanwhile. freezeClock(false) and clearHooks() let it run again.
+void freezeClock(bool frozen);
+
 // This test run's stand-in for /dev/shm, where the locks keep what this
 // host knows; lock_child takes it from KORVEL_TEST_STATE_DIR.
 const std::string& localStateDirectory();
@@ -60,6 +65,8 @@ void skewStamps(const std::string& prefix, double seconds, double since = 0.0);
 // Called before each host open or remove; an empty function stops it.
 void observeOpens(std::function<void(const char* path, int flags)> observer);
 void observeRemoves(std::function<void(const char* path)> observer);
+// Called before each look at a name (lstat).
+void observeLooks(std::function<void(const char* path)> observer);
 
 // Turns off every fault and observer, and clears the counts.
 void clearHooks();
