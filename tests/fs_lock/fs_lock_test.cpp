@@ -134,6 +134,12 @@ TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
   EXPECT_NEAR(Deadline::afterSeconds(5).capped(1).remaining(), 1.0, 0.2);
   EXPECT_NEAR(Deadline::afterSeconds(1).capped(5).remaining(), 1.0, 0.2);
   EXPECT_EQ(koDirectoryLockThreadPool().get(), koDirectoryLockThreadPool().get());
+  koDirectoryExclusiveLock holder(dir_.path(), "h");
+  koDirectoryExclusiveLock other(dir_.path(), "o");
+  ASSERT_TRUE(holder.acquire(0, TimeUnit::sSeconds(), true));
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_FALSE(other.try_lock_for(std::chrono::milliseconds(300)));
+  EXPECT_LT(secondsSince(before), 10) << "300 ms, not 300 s";
 }
 
 // A file is stale once this host has seen it unchanged for more than 15 s,
@@ -268,14 +274,19 @@ TEST_F(FsLockTest, DeadHoldersAreTakenOverOnceWatchedLongEnough) {
     EXPECT_TRUE(lock.release(koForever, TimeUnit::sSeconds()));
     EXPECT_TRUE(entries(dir_.path()).empty());
   }
-  for (int n : {2, 3, 5}) {
+  for (int n : {1, 2, 3, 5}) {
     korvel_test::writeFile(level(n), "7");
-    ASSERT_TRUE(korvel_test::setMtime(level(n), time(nullptr) - (n == 5 ? 1 : 700)));
+    ASSERT_TRUE(korvel_test::setMtime(level(n), time(nullptr) - (n == 5 ? 1 : n == 1 ? 30 : 700)));
   }
   koDirectoryExclusiveLock lock(dir_.path(), "sweeper");
   ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), true));
-  EXPECT_EQ(entries(dir_.path()), (std::set<std::string>{".deploy_lock.0", ".deploy_lock.5"}))
-      << "the long dead places go; a fresh one stays";
+  EXPECT_EQ(entries(dir_.path()),
+            (std::set<std::string>{".deploy_lock.0", ".deploy_lock.1", ".deploy_lock.5"}))
+      << "the long dead places go; a fresh one stays, one that looks old is watched";
+  EXPECT_TRUE(lock.release());
+  korvel_test::advanceClock(16);  // the next sweep, more than a period later
+  ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), true));
+  EXPECT_EQ(entries(dir_.path()), (std::set<std::string>{".deploy_lock.0", ".deploy_lock.5"}));
   EXPECT_TRUE(lock.release());
 }
 
@@ -289,6 +300,14 @@ TEST_F(FsLockTest, NothingHangsSilently) {
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(warnings.count("for now: " + errorText(ENOSPC) + "; still trying"), 1)
         << warnings.text();
+    // Tried again at least once a second: had soon after the space is back.
+    std::thread cleared([] {
+      usleep(2900000);
+      korvel_test::failUnder(Fault::kCreate, "");
+    });
+    EXPECT_TRUE(lock.acquire(4200, TimeUnit::sMilliseconds(), false));
+    cleared.join();
+    EXPECT_TRUE(lock.release());
   }
   {
     // Nothing can be made in the directory: even a wait without end ends.
@@ -327,6 +346,14 @@ TEST_F(FsLockTest, RefreshesComeEveryFiveSecondsAndDeadlinesKeepTheirMillisecond
   const int refreshes = korvel_test::writesTo(level(0)) - before;
   EXPECT_GE(refreshes, 3) << "one refresh per 5 s";
   EXPECT_LE(refreshes, 5) << "one refresh per 5 s";
+  // Released, the refresh thread lingers a period, then ends; the next
+  // acquisition starts it again.
+  ASSERT_TRUE(lock.release(koForever, TimeUnit::sSeconds()));
+  usleep(1500000);
+  ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
+  const int again = korvel_test::writesTo(level(0));
+  usleep(1200000);
+  EXPECT_GE(korvel_test::writesTo(level(0)) - again, 1) << "refreshed after a new start";
   korvel_test::failUnder(Fault::kRemove, level(0), EIO);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(lock.release(900, TimeUnit::sMilliseconds()));
@@ -351,6 +378,40 @@ TEST_F(FsLockTest, ALeaseRunsOutOnTheClockAlone) {
   EXPECT_FALSE(lock.release(koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, ENOLCK);
   EXPECT_TRUE(koFileExists(level(0).c_str()));
+
+  for (const char* name : {"slow", "timer", "refreshed"})
+    ASSERT_EQ(mkdir(at(name).c_str(), 0700), 0);
+  {
+    // A create that hung 10 s: the lease runs from its start.
+    koDirectoryExclusiveLock slow(at("slow"), "s");
+    const std::string file = at("slow/.deploy_lock.0");
+    korvel_test::observeOpens([file](const char* path, int flags) {
+      if (path == file && (flags & O_CREAT) != 0) korvel_test::advanceClock(10);
+    });
+    ASSERT_TRUE(slow.acquire(0, TimeUnit::sSeconds(), true));
+    korvel_test::observeOpens(nullptr);
+    korvel_test::advanceClock(4.5);
+    EXPECT_TRUE(slow.lost());
+  }
+  {
+    // A lease that ran out while the timer slept is told at its next look,
+    // a second after the holding began.
+    koDirectoryExclusiveLock timed(at("timer"), "t");
+    std::atomic<int> timedTold{0};
+    timed.onLost([&] { ++timedTold; });
+    ASSERT_TRUE(timed.acquire(0, TimeUnit::sSeconds(), true));
+    korvel_test::advanceClock(15);
+    EXPECT_TRUE(korvel_test::eventually([&] { return timedTold == 1; }, 1.6));
+  }
+  {
+    // Each refresh moves the lease to 14 s from its own start, no further.
+    korvel_test::scaleWaits(10);  // a refresh every 0.5 s
+    koDirectoryExclusiveLock refreshed(at("refreshed"), "r");
+    ASSERT_TRUE(refreshed.acquire(0, TimeUnit::sSeconds(), true));
+    usleep(1300000);
+    korvel_test::advanceClock(14.5);
+    EXPECT_TRUE(refreshed.lost());
+  }
 }
 
 // Handlers run one at a time on one thread; one may destroy, release or
