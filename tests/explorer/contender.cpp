@@ -26,7 +26,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -36,7 +35,6 @@
 #include <memory>
 #include <mutex>
 #include <random>
-#include <set>
 #include <string>
 
 #include "host/host.h"
@@ -383,7 +381,10 @@ namespace {
 
 // A stat (by name or by descriptor) of path: a lock file it shows more than
 // 15 s older than the server's clock is a judgement of staleness.
-int statted(const std::string& path, int rc, const struct stat* st) {
+template <class Body>
+int statted(const std::string& path, const struct stat* st, Body body) {
+  readBackAt = -1;
+  const int rc = faulted(explorer::kStat, path.c_str(), -1, body);
   if (rc == 0 && isLockFile(path.c_str()) &&
       serverTime(now()) - static_cast<double>(st->st_mtime) > 15) {
     judgedStale = path;
@@ -394,23 +395,15 @@ int statted(const std::string& path, int rc, const struct stat* st) {
 }  // namespace
 
 extern "C" int hostStat(const char* path, struct stat* st) {
-  readBackAt = -1;
-  return statted(path,
-                 faulted(explorer::kStat, path, -1, [&] { return hostDefaultStat(path, st); }), st);
+  return statted(path, st, [&] { return hostDefaultStat(path, st); });
 }
 
 extern "C" int hostLstat(const char* path, struct stat* st) {
-  readBackAt = -1;
-  return statted(
-      path, faulted(explorer::kStat, path, -1, [&] { return hostDefaultLstat(path, st); }), st);
+  return statted(path, st, [&] { return hostDefaultLstat(path, st); });
 }
 
 extern "C" int hostFstat(int fd, struct stat* st) {
-  readBackAt = -1;
-  const std::string path = pathOf(fd);
-  return statted(
-      path, faulted(explorer::kStat, path.c_str(), -1, [&] { return hostDefaultFstat(fd, st); }),
-      st);
+  return statted(pathOf(fd), st, [&] { return hostDefaultFstat(fd, st); });
 }
 
 extern "C" int hostUnlink(const char* path) {

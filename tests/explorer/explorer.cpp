@@ -46,7 +46,6 @@
 #include <limits>
 #include <map>
 #include <mutex>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -306,15 +305,10 @@ class Run {
           readLock = e.path;
         } else if (e.what == "acq") {
           const char kind = e.path[0];
-          holds.push_back({p,
-                           kind,
-                           e.t,
-                           kForever,
-                           kind == 'X'   ? dir_ + "/.deploy_lock.0"
-                           : kind == 'W' ? dir_ + "/.deploy_write_lock"
-                                         : readLock,
-                           {},
-                           kForever});
+          const std::string file = kind == 'X'   ? dir_ + "/.deploy_lock.0"
+                                   : kind == 'W' ? dir_ + "/.deploy_write_lock"
+                                                 : readLock;
+          holds.push_back({p, kind, e.t, kForever, file, {}, kForever});
           holding = true;
         } else if (holding && e.what == "die") {
           holds.back().end = std::min(holds.back().end, e.t);  // a dead process holds nothing

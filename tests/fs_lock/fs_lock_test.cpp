@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +11,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -196,7 +194,7 @@ TEST_F(FsLockTest, ReentrantAcquireAndRelease) {
   EXPECT_TRUE(entries(dir_.path()).empty()) << "the destructor released both";
 }
 
-TEST_F(FsLockTest, BusyLockTimesOutAndLeavesNoQueueFile) {
+TEST_F(FsLockTest, BusyLockTimesOutAndRemovesItsQueueFileOrSaysSo) {
   koDirectoryExclusiveLock holder(dir_.path(), "holder");
   koDirectoryExclusiveLock other(dir_.path(), "other");
   ASSERT_TRUE(holder.acquire(koForever, TimeUnit::sSeconds(), false));
@@ -208,6 +206,11 @@ TEST_F(FsLockTest, BusyLockTimesOutAndLeavesNoQueueFile) {
   EXPECT_GE(secondsSince(before), 0.25);
   EXPECT_EQ(errno, ETIMEDOUT) << "kept through the clean-up of the wait";
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"});
+  // A queue place that cannot be removed is reported.
+  WarningCapture warnings;
+  korvel_test::failUnder(Fault::kRemove, level(1));
+  EXPECT_FALSE(other.acquire(0, TimeUnit::sSeconds(), true));
+  EXPECT_EQ(warnings.text(), "FS_LOCK: failed to remove " + level(1) + "(768)\n");
 }
 
 // A dead holder's file is taken over by a single attempt only when it is
@@ -426,17 +429,6 @@ TEST_F(FsLockTest, BadDirectoriesAndForkedChildrenAreRefused) {
   delete lock;
 }
 
-TEST_F(FsLockTest, UnremovableQueueFileIsReported) {
-  koDirectoryExclusiveLock holder(dir_.path(), "holder");
-  ASSERT_TRUE(holder.acquire(koForever, TimeUnit::sSeconds(), true));
-  WarningCapture warnings;
-  korvel_test::failUnder(Fault::kRemove, level(1));
-  koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
-  EXPECT_FALSE(waiter.acquire(0, TimeUnit::sSeconds(), true));
-  EXPECT_EQ(warnings.text(), "FS_LOCK: failed to remove " + level(1) + "(768)\n");
-  EXPECT_TRUE(holder.release(koForever, TimeUnit::sSeconds()));
-}
-
 // ---- Real processes ----
 
 class LockProcessTest : public FsLockTest {
@@ -445,15 +437,6 @@ class LockProcessTest : public FsLockTest {
               std::vector<std::string> env = {}, const std::string& err = "") {
     env.push_back("KORVEL_TEST_STATE_DIR=" + korvel_test::localStateDirectory());
     return korvel_test::spawn(KORVEL_LOCK_CHILD, args, env, out, err);
-  }
-  // A child holding dir's lock of kind, once it says so.
-  pid_t holder(const std::string& dir, const std::string& kind, const std::string& out) {
-    const pid_t pid = start({"hold", dir, kind}, out);
-    EXPECT_TRUE(korvel_test::waitForFileText(out, "held\n", 20)) << kind;
-    return pid;
-  }
-  int tryLock(const std::string& dir, const std::string& kind, int ms) {
-    return korvel_test::waitChild(start({"try", dir, kind, std::to_string(ms)}));
   }
 };
 

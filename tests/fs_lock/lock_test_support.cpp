@@ -1,15 +1,11 @@
 #include "tests/fs_lock/lock_test_support.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -110,17 +106,6 @@ int writesTo(const std::string& path) {
   std::lock_guard<std::mutex> lock(hookMutex);
   auto found = hooks.writeCounts.find(path);
   return found == hooks.writeCounts.end() ? 0 : found->second;
-}
-
-std::set<std::string> entries(const std::string& dir) {
-  std::set<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.insert(e->d_name);
-    }
-    closedir(d);
-  }
-  return names;
 }
 
 int WarningCapture::count(const std::string& what) const {

@@ -11,7 +11,6 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
-#include <set>
 #include <string>
 
 #include "fs_lock/read_write_lock.h"
@@ -68,9 +67,6 @@ void clearHooks();
 extern std::atomic<int> removeCalls;
 // Opens for writing (not exclusive creates) of path so far.
 int writesTo(const std::string& path);
-
-// The names in dir, without "." and "..".
-std::set<std::string> entries(const std::string& dir);
 
 // A lock_child's output without its times: "held\nlost\nreleased 0\n".
 std::string withoutTimes(const std::string& text);

@@ -167,6 +167,17 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
+std::set<std::string> entries(const std::string& dir) {
+  std::set<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d)) names.insert(e->d_name);
+    closedir(d);
+  }
+  names.erase(".");
+  names.erase("..");
+  return names;
+}
+
 bool setMtime(const std::string& path, time_t seconds) {
   struct timeval times[2] = {{seconds, 0}, {seconds, 0}};
   return utimes(path.c_str(), times) == 0;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
+#include <set>
 #include <string>
 
 namespace korvel_test {
@@ -36,6 +37,8 @@ void removeTree(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 // Reads the whole file; empty when it cannot be read.
 std::string readFile(const std::string& path);
+// The names in dir, without "." and "..".
+std::set<std::string> entries(const std::string& dir);
 // Sets the modification (and access) time of path to whole second seconds;
 // false on failure.
 bool setMtime(const std::string& path, time_t seconds);

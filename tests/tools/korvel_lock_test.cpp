@@ -2,23 +2,18 @@
 // statuses, signals and job control (also from a terminal), waits that the
 // library cannot end, hostile directories in --status, --clean and a run,
 // lost locks, and its help against its manual page.
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -127,16 +122,7 @@ class KorvelLockTest : public TempDirTest {
   }
 
   // Everything in the locked directory.
-  Names names() const {
-    Names found;
-    if (DIR* d = opendir(locked().c_str())) {
-      while (const dirent* e = readdir(d)) found.insert(e->d_name);
-      closedir(d);
-    }
-    found.erase(".");
-    found.erase("..");
-    return found;
-  }
+  Names names() const { return korvel_test::entries(locked()); }
   void emptyLocked(mode_t mode = 0755) {
     korvel_test::removeTree(locked());
     ASSERT_EQ(mkdir(locked().c_str(), mode), 0);
