@@ -40,11 +40,11 @@
 #include "host/host.h"
 #include "korvel/fs_lock.h"
 #include "tests/explorer/schedule.h"
+#include "tests/support/any_lock.h"
 
 using explorer::Call;
 using explorer::Fault;
 using explorer::Step;
-using Zentha::System::TimeUnit;
 
 namespace {
 
@@ -467,63 +467,18 @@ extern "C" char* hostGetDirList(const char* pattern, int flags) {
 
 namespace {
 
-// The lock this contender takes: the exclusive lock, or the read-write
-// lock's read or write handle.
-class Lock {
- public:
-  Lock() {
-    if (!config.schedule->rw) {
-      exclusive_.reset(new koDirectoryExclusiveLock(config.dir, "explorer"));
-      exclusive_->onLost([] { say("told"); });
-      return;
-    }
-    rw_.reset(new koDirectoryReadWriteLock(config.dir));
-    reading_.reset(new koDirectoryReadWriteLock::ReadLock(rw_->getReadLock()));
-    writing_.reset(new koDirectoryReadWriteLock::WriteLock(rw_->getWriteLock()));
-    reading_->onLost([] { say("told"); });
-    writing_->onLost([] { say("told"); });
+// A directory whose stat failed reads as gone: the lock throws, and the
+// contender logs it as an error (errno -1) and goes on.
+template <class Call>
+bool failSafe(Call call) {
+  try {
+    return call();
+  } catch (const std::exception& e) {
+    say("error", "%s", e.what());
+    errno = -1;
+    return false;
   }
-
-  // A directory whose stat failed reads as gone: the lock throws, and the
-  // contender logs it as an error (errno -1) and goes on.
-  bool acquire(bool write, unsigned long ms) {
-    write_ = write;
-    return failSafe([&] {
-      return exclusive_ ? exclusive_->acquire(ms, TimeUnit::sMilliseconds(), false)
-                        : handle().acquire(ms, TimeUnit::sMilliseconds());
-    });
-  }
-  bool release() {
-    return failSafe([&] {
-      return exclusive_ ? exclusive_->release(koForever, TimeUnit::sSeconds())
-                        : handle().release(koForever, TimeUnit::sSeconds());
-    });
-  }
-  bool lost() const { return exclusive_ ? exclusive_->lost() : handle().lost(); }
-  const char* kind() const { return exclusive_ ? "X" : write_ ? "W" : "R"; }
-
- private:
-  template <class Call>
-  static bool failSafe(Call call) {
-    try {
-      return call();
-    } catch (const std::exception& e) {
-      say("error", "%s", e.what());
-      errno = -1;
-      return false;
-    }
-  }
-
-  koDirectoryReadWriteLock::AbstractLock& handle() const {
-    return write_ ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(*writing_) : *reading_;
-  }
-
-  bool write_ = true;
-  std::unique_ptr<koDirectoryExclusiveLock> exclusive_;
-  std::unique_ptr<koDirectoryReadWriteLock> rw_;
-  std::unique_ptr<koDirectoryReadWriteLock::ReadLock> reading_;
-  std::unique_ptr<koDirectoryReadWriteLock::WriteLock> writing_;
-};
+}
 
 // Takes the lock again and again until the schedule ends: a gap, an
 // acquisition with a time-out (0, a single attempt, one time in five), a
@@ -535,7 +490,8 @@ void contend() {
   auto uniform = [&random](double low, double high) {
     return std::uniform_real_distribution<double>(low, high)(random);
   };
-  Lock lock;
+  korvel_test::AnyLock lock(config.dir, !schedule.rw, "explorer");
+  lock.onLost([] { say("told"); });
   const double end = schedule.end;
   bool victim = config.id == 0;
   for (bool first = true;; first = false) {
@@ -550,7 +506,7 @@ void contend() {
         : uniform(0, 1) < 0.2
             ? 0
             : static_cast<unsigned long>(1000 * uniform(1.0, std::min(20.0, left)));
-    if (!lock.acquire(write, ms)) {
+    if (!failSafe([&] { return lock.acquire(ms, write); })) {
       say("fail", "%d", errno);
       continue;
     }
@@ -573,7 +529,7 @@ void contend() {
       raise(SIGKILL);
     }
     say("rls");  // the hold ends here, whatever the release does
-    const bool released = lock.release();
+    const bool released = failSafe([&] { return lock.release(); });
     say("rel", "%d %d", released ? 1 : 0, released ? 0 : errno);
   }
 }

@@ -205,7 +205,19 @@ TEST_F(KorvelLockTest, ALockHeldEndsTheTryWithTheConflictStatus) {
   }
   EXPECT_FALSE(exists(work("ran")));
   EXPECT_EQ(names(), Names{".deploy_write_lock"});
+  // A wait on a terminal says what it waits for, and clears its line once
+  // it has the lock.
+  int master = -1;
+  const pid_t tool = startOnTerminal({"-s", locked(), "true"}, &master);
+  const std::string line = "korvel-lock: waiting for the shared lock on '" + locked() +
+                           "', held by a writer( for [0-9]+ s|; waited [0-9]+ s)";
+  const std::string seen = readTerminal(master, std::regex(line));
+  EXPECT_TRUE(std::regex_search(seen, std::regex("\r" + line + "\x1b\\[K"))) << seen;
   release(holder);
+  const std::regex cleared("\r\x1b\\[K$");
+  EXPECT_TRUE(std::regex_search(readTerminal(master, cleared), cleared)) << "the line is cleared";
+  EXPECT_EQ(korvel_test::waitChild(tool), 0);
+  close(master);
   EXPECT_EQ(names(), Names{});
 }
 
@@ -392,21 +404,6 @@ TEST_F(KorvelLockTest, ALostLockIsReportedAsLost) {
   EXPECT_EQ(lost.status, 76);
   const std::string said = "korvel-lock: lost the shared lock on '" + locked() + "' while the";
   EXPECT_EQ(lost.err.rfind(said + " command ran: ", 0), 0u) << lost.err;
-}
-
-TEST_F(KorvelLockTest, AWaitOnATerminalSaysWhatItWaitsFor) {
-  const pid_t holder = holdLock();
-  int master = -1;
-  const pid_t tool = startOnTerminal({"-s", locked(), "true"}, &master);
-  const std::string line = "korvel-lock: waiting for the shared lock on '" + locked() +
-                           "', held by a writer( for [0-9]+ s|; waited [0-9]+ s)";
-  const std::string seen = readTerminal(master, std::regex(line));
-  EXPECT_TRUE(std::regex_search(seen, std::regex("\r" + line + "\x1b\\[K"))) << seen;
-  release(holder);
-  const std::regex cleared("\r\x1b\\[K$");
-  EXPECT_TRUE(std::regex_search(readTerminal(master, cleared), cleared)) << "the line is cleared";
-  EXPECT_EQ(korvel_test::waitChild(tool), 0);
-  close(master);
 }
 
 TEST_F(KorvelLockTest, MisuseGivesOneLineAndLeavesNothing) {
