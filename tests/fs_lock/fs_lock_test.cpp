@@ -285,7 +285,7 @@ TEST_F(FsLockTest, NothingHangsSilently) {
 // does with amounts under a second: a refresh every 5 s, a deadline of
 // 900 ms kept to the millisecond.
 TEST_F(FsLockTest, RefreshesComeEveryFiveSecondsAndDeadlinesKeepTheirMilliseconds) {
-  korvel_test::scaleWaits(10);  // the 5 s refresh period passes in 0.5 s
+  korvel_test::waitScale = 10;  // the 5 s refresh period passes in 0.5 s
   koDirectoryExclusiveLock lock(dir_.path(), "t");
   ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
   const int before = korvel_test::writesTo(level(0));
@@ -451,9 +451,9 @@ TEST_F(LockProcessTest, OnOneHostTheKernelTellsWhatItKnows) {
     SCOPED_TRACE(how);
     const bool watched = strcmp(how, "polling") != 0;
     korvel_test::clearHooks();
-    korvel_test::failWatches(!watched);
-    korvel_test::refuseRenames(strstr(how, "created") != nullptr);
-    if (watched) korvel_test::scaleWaits(0.001);
+    korvel_test::watchesFail = !watched;
+    korvel_test::renamesRefused = strstr(how, "created") != nullptr;
+    if (watched) korvel_test::waitScale = 0.001;
     koDirectoryExclusiveLock holder(dir_.path(), "holder");
     koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
     ASSERT_TRUE(holder.acquire(0, TimeUnit::sSeconds(), true));

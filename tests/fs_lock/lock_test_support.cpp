@@ -33,9 +33,6 @@ struct Hooks {
 std::mutex hookMutex;
 Hooks hooks;  // guarded by hookMutex
 std::atomic<double> clockOffset{0.0};
-std::atomic<double> waitScale{1.0};
-std::atomic<bool> watchesFail{false};
-std::atomic<bool> renamesRefused{false};
 
 // The error to fail an operation of that kind on path with, or 0.
 int faultFor(Fault which, const char* path) {
@@ -48,6 +45,9 @@ int faultFor(Fault which, const char* path) {
 }  // namespace
 
 std::atomic<int> removeCalls{0};
+std::atomic<double> waitScale{1.0};
+std::atomic<bool> watchesFail{false};
+std::atomic<bool> renamesRefused{false};
 
 void failUnder(Fault which, const std::string& prefix, int error) {
   std::lock_guard<std::mutex> lock(hookMutex);
@@ -78,18 +78,6 @@ void advanceClock(double seconds) {
 const std::string& localStateDirectory() {
   static const TempDir* dir = new TempDir;  // NOLINT: until exit
   return dir->path();
-}
-
-void failWatches(bool fail) {
-  watchesFail = fail;
-}
-
-void refuseRenames(bool refuse) {
-  renamesRefused = refuse;
-}
-
-void scaleWaits(double factor) {
-  waitScale = factor;
 }
 
 void clearHooks() {
