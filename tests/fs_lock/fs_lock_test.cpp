@@ -117,8 +117,7 @@ TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
 // by file times alone.
 TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
   const std::string lock = level(0);
-  korvel_test::writeFile(lock, "1");
-  ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
+  korvel_test::writeFile(lock, "1", 300);
   FileState seen;
   {
     koStaleLockRemover judge;
@@ -127,8 +126,7 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
     korvel_test::advanceClock(0.2);
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kStale);
-    korvel_test::writeFile(lock, "2");  // its holder refreshed: watched afresh
-    ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
+    korvel_test::writeFile(lock, "2", 300);  // its holder refreshed: watched afresh
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
     judge.remember();  // as an attempt that ends without the lock
   }
@@ -139,8 +137,7 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kStale);
   }
   for (const time_t age : {590, 610}) {
-    korvel_test::writeFile(lock, std::to_string(age));
-    ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - age));
+    korvel_test::writeFile(lock, std::to_string(age), age);
     koStaleLockRemover judge;
     EXPECT_EQ(judge.judge(lock, &seen), age > 600 ? Verdict::kStale : Verdict::kLive) << age;
   }
@@ -220,8 +217,7 @@ TEST_F(FsLockTest, DeadHoldersAreTakenOverOnceWatchedLongEnough) {
   for (const time_t age : {30, 700}) {
     SCOPED_TRACE(age);
     korvel_test::clearHooks();
-    korvel_test::writeFile(level(0), "4242");
-    ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - age));
+    korvel_test::writeFile(level(0), "4242", age);
     koDirectoryExclusiveLock lock(dir_.path(), "waiter");
     if (age < 600) {
       EXPECT_FALSE(lock.acquire(0, TimeUnit::sSeconds(), false));
@@ -235,8 +231,7 @@ TEST_F(FsLockTest, DeadHoldersAreTakenOverOnceWatchedLongEnough) {
     EXPECT_TRUE(entries(dir_.path()).empty());
   }
   for (int n : {2, 3, 5}) {
-    korvel_test::writeFile(level(n), "7");
-    ASSERT_TRUE(korvel_test::setMtime(level(n), time(nullptr) - (n == 5 ? 1 : 700)));
+    korvel_test::writeFile(level(n), "7", n == 5 ? 1 : 700);
   }
   koDirectoryExclusiveLock lock(dir_.path(), "sweeper");
   ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), true));
@@ -359,8 +354,7 @@ TEST_F(FsLockTest, AWaiterStoppedBeforeATakeoverLeavesLevelZeroAlone) {
     SCOPED_TRACE(std::string(c.afterJudging ? "after" : "before") + " judging, level 0 " +
                  c.level0);
     korvel_test::clearHooks();
-    korvel_test::writeFile(level(0), "4242");
-    ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - 700));
+    korvel_test::writeFile(level(0), "4242", 700);
     bool stopped = false;
     auto stop = [&] {
       stopped = true;

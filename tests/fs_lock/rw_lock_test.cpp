@@ -296,8 +296,7 @@ TEST_F(RwLockTest, UnremovableLockFileIsReportedAndLeftToGoStale) {
 // holder until the time-out, and is named once.
 TEST_F(RwLockTest, ForeignObjectsBlockButAreNeverTouched) {
   const std::string precious = at("precious");
-  korvel_test::writeFile(precious, "mine");
-  ASSERT_TRUE(korvel_test::setMtime(precious, time(nullptr) - 3600));
+  korvel_test::writeFile(precious, "mine", 3600);
   struct Object {
     const char* kind;
     std::function<int(const std::string&)> make;
@@ -357,9 +356,8 @@ TEST_F(RwLockTest, OtherUsersFilesInSharedDirectories) {
   ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
   ASSERT_EQ(mkdir(shared.c_str(), 0777), 0);
   ASSERT_EQ(chmod(shared.c_str(), 01777), 0);
-  korvel_test::writeFile(precious, "daemon's own");
+  korvel_test::writeFile(precious, "daemon's own", 3600);
   ASSERT_EQ(chown(precious.c_str(), kDaemon, kDaemon), 0);
-  ASSERT_TRUE(korvel_test::setMtime(precious, time(nullptr) - 3600));
   EXPECT_EQ(korvel_test::runUnprivileged(
                 [&] { return symlink(precious.c_str(), (shared + "/" + kWriteLock).c_str()); }),
             0);
@@ -479,13 +477,11 @@ TEST_F(RwProcessTest, FiniteWaitsRideOutContentionAndBreakStaleLocks) {
   for (pid_t pid : writers) EXPECT_EQ(korvel_test::waitChild(pid), 0) << "gave up early";
 
   // A long dead writer's file: a single attempt breaks it and enters.
-  korvel_test::writeFile(at(kWriteLock), "77");
-  ASSERT_TRUE(korvel_test::setMtime(at(kWriteLock), time(nullptr) - 700));
+  korvel_test::writeFile(at(kWriteLock), "77", 700);
   EXPECT_EQ(tryLock(dir_.path(), "write", 0), 0);
 
   // A directory lock left by a holder killed during its brief hold.
-  korvel_test::writeFile(at(".deploy_lock.0"), "77");
-  ASSERT_TRUE(korvel_test::setMtime(at(".deploy_lock.0"), time(nullptr) - 700));
+  korvel_test::writeFile(at(".deploy_lock.0"), "77", 700);
   EXPECT_EQ(tryLock(dir_.path(), "write", 3000), 0);
 
   // A dead reader's file goes too, once watched for 15 s, but not before.
@@ -586,8 +582,7 @@ TEST_F(RwProcessTest, AStalledJudgementActsOnNothingThatChanged) {
     const std::string judged = dir + "/" + kWriteLock;
     const std::string out = dir + ".out";
     ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-    korvel_test::writeFile(judged, "77");
-    ASSERT_TRUE(korvel_test::setMtime(judged, time(nullptr) - 700));
+    korvel_test::writeFile(judged, "77", 700);
     pid_t other = -1;
     bool stalled = false;
     // The stale test's fresh file: the write lock was looked at just before.

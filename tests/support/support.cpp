@@ -155,10 +155,15 @@ void removeTree(const std::string& path) {
   removeAt(AT_FDCWD, path.c_str());
 }
 
-void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  ASSERT_TRUE(out.good()) << path;
-  out << text;
+void writeFile(const std::string& path, const std::string& text, time_t age) {
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    ASSERT_TRUE(out.good()) << path;
+    out << text;
+  }  // closed before its times are set
+  if (age != 0) {
+    ASSERT_TRUE(setMtime(path, time(nullptr) - age)) << path;
+  }
 }
 
 std::string readFile(const std::string& path) {

@@ -33,8 +33,9 @@ class TempDir {
 // PATH_MAX depth too. Adds owner permissions where needed.
 void removeTree(const std::string& path);
 
-// Writes text to the file at path (created or truncated); fails the test on error.
-void writeFile(const std::string& path, const std::string& text);
+// Writes text to the file at path (created or truncated), its times set
+// `age` seconds back when age is not 0; fails the test on error.
+void writeFile(const std::string& path, const std::string& text, time_t age = 0);
 // Reads the whole file; empty when it cannot be read.
 std::string readFile(const std::string& path);
 // The names in dir, without "." and "..".

@@ -86,8 +86,7 @@ void plant(const std::string& path, int age, const std::string& type = "file") {
   } else if (type == "symlink") {
     ASSERT_EQ(symlink("/nowhere/at/all", path.c_str()), 0) << path;
   } else {
-    writeFile(path, "1");
-    ASSERT_TRUE(korvel_test::setMtime(path, time(nullptr) - age)) << path;
+    writeFile(path, "1", age);
   }
 }
 
