@@ -44,6 +44,7 @@
 
 using explorer::Call;
 using explorer::Fault;
+using explorer::monotonicNs;
 using explorer::Step;
 
 namespace {
@@ -68,12 +69,6 @@ int logFd = -1;
 // real clock, so that the kernel's own stamp on a file, in the microseconds
 // before this host sets it, makes the file look new, never stale.
 constexpr double kEpochWallClock = 1.7e9;
-
-long long monotonicNs() {
-  timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return t.tv_sec * 1000000000LL + t.tv_nsec;
-}
 
 double now() {
   return static_cast<double>(monotonicNs() - config.epochNs) * 1e-9 * config.scale;

@@ -86,12 +86,6 @@ std::string format(const char* text, ...) {
 
 // ---- Running one schedule ----
 
-long long monotonicNs() {
-  timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return t.tv_sec * 1000000000LL + t.tv_nsec;
-}
-
 void removeTree(const std::string& path) {
   nftw(
       path.c_str(), [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
