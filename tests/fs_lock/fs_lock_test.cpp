@@ -208,6 +208,7 @@ TEST_F(FsLockTest, BusyLockTimesOutAndRemovesItsQueueFileOrSaysSo) {
   korvel_test::failUnder(Fault::kRemove, level(1));
   EXPECT_FALSE(other.acquire(0, TimeUnit::sSeconds(), true));
   EXPECT_EQ(warnings.text(), "FS_LOCK: failed to remove " + level(1) + "(768)\n");
+  EXPECT_TRUE(holder.release(koForever, TimeUnit::sSeconds()));
 }
 
 // A dead holder's file is taken over by a single attempt only when it is
