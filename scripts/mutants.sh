@@ -234,7 +234,7 @@ stale_readers_never_judged | fs_lock/read_write_lock.cpp | if (name == writeName
 rw_back_off_uncapped | fs_lock/read_write_lock.cpp | backOff = std::min(2 * backOff, kMaxBackOffMs); | backOff = 2 * backOff; | @locks
 rw_refresh_only_under_the_dir_lock | fs_lock/read_write_lock.cpp | false);\n      failed = refreshOnce(holdings, owner_->numbers); | false);\n      if (guard.held()) failed = refreshOnce(holdings, owner_->numbers); | @locks
 rw_refresh_waits_1000_s_for_the_dir_lock | fs_lock/read_write_lock.cpp | constexpr double kRefreshDirLockSeconds = 1.0; | constexpr double kRefreshDirLockSeconds = 1000.0; | @locks
-rw_refresh_every_50_s | fs_lock/read_write_lock.cpp | if (LoopWait::waitFor(context, kRefreshPeriodMs / 1000.0)) return;  // stopping | if (LoopWait::waitFor(context, kRefreshPeriodMs / 100.0)) return;  // stopping | @locks
+rw_refresh_every_50_s | fs_lock/read_write_lock.cpp | if (LoopWait::waitFor(context, untilRefresh(owner_->refreshedFiles()))) return; | if (LoopWait::waitFor(context, 10 * untilRefresh(owner_->refreshedFiles()))) return; | @locks
 single_attempt_gives_up_on_a_busy_dir_lock | fs_lock/read_write_lock.cpp | constexpr double kSingleAttemptDirLockSeconds = 1.0; | constexpr double kSingleAttemptDirLockSeconds = 0.0; | @locks
 rw_release_in_a_forked_child | fs_lock/read_write_lock.cpp | if (holding->heldElsewhere()) return false; | | @locks
 rw_child_joins_the_parents_refresh | fs_lock/read_write_lock.cpp | if (holding->heldElsewhere()) {\n      // A forked child | if (holding->held()) {\n      // A forked child | @locks

@@ -26,7 +26,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -36,17 +35,17 @@
 #include <memory>
 #include <mutex>
 #include <random>
-#include <set>
 #include <string>
 
 #include "host/host.h"
 #include "korvel/fs_lock.h"
 #include "tests/explorer/schedule.h"
+#include "tests/support/any_lock.h"
 
 using explorer::Call;
 using explorer::Fault;
+using explorer::monotonicNs;
 using explorer::Step;
-using Zentha::System::TimeUnit;
 
 namespace {
 
@@ -70,12 +69,6 @@ int logFd = -1;
 // real clock, so that the kernel's own stamp on a file, in the microseconds
 // before this host sets it, makes the file look new, never stale.
 constexpr double kEpochWallClock = 1.7e9;
-
-long long monotonicNs() {
-  timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return t.tv_sec * 1000000000LL + t.tv_nsec;
-}
 
 double now() {
   return static_cast<double>(monotonicNs() - config.epochNs) * 1e-9 * config.scale;
@@ -383,7 +376,10 @@ namespace {
 
 // A stat (by name or by descriptor) of path: a lock file it shows more than
 // 15 s older than the server's clock is a judgement of staleness.
-int statted(const std::string& path, int rc, const struct stat* st) {
+template <class Body>
+int statted(const std::string& path, const struct stat* st, Body body) {
+  readBackAt = -1;
+  const int rc = faulted(explorer::kStat, path.c_str(), -1, body);
   if (rc == 0 && isLockFile(path.c_str()) &&
       serverTime(now()) - static_cast<double>(st->st_mtime) > 15) {
     judgedStale = path;
@@ -394,23 +390,15 @@ int statted(const std::string& path, int rc, const struct stat* st) {
 }  // namespace
 
 extern "C" int hostStat(const char* path, struct stat* st) {
-  readBackAt = -1;
-  return statted(path,
-                 faulted(explorer::kStat, path, -1, [&] { return hostDefaultStat(path, st); }), st);
+  return statted(path, st, [&] { return hostDefaultStat(path, st); });
 }
 
 extern "C" int hostLstat(const char* path, struct stat* st) {
-  readBackAt = -1;
-  return statted(
-      path, faulted(explorer::kStat, path, -1, [&] { return hostDefaultLstat(path, st); }), st);
+  return statted(path, st, [&] { return hostDefaultLstat(path, st); });
 }
 
 extern "C" int hostFstat(int fd, struct stat* st) {
-  readBackAt = -1;
-  const std::string path = pathOf(fd);
-  return statted(
-      path, faulted(explorer::kStat, path.c_str(), -1, [&] { return hostDefaultFstat(fd, st); }),
-      st);
+  return statted(pathOf(fd), st, [&] { return hostDefaultFstat(fd, st); });
 }
 
 extern "C" int hostUnlink(const char* path) {
@@ -474,63 +462,18 @@ extern "C" char* hostGetDirList(const char* pattern, int flags) {
 
 namespace {
 
-// The lock this contender takes: the exclusive lock, or the read-write
-// lock's read or write handle.
-class Lock {
- public:
-  Lock() {
-    if (!config.schedule->rw) {
-      exclusive_.reset(new koDirectoryExclusiveLock(config.dir, "explorer"));
-      exclusive_->onLost([] { say("told"); });
-      return;
-    }
-    rw_.reset(new koDirectoryReadWriteLock(config.dir));
-    reading_.reset(new koDirectoryReadWriteLock::ReadLock(rw_->getReadLock()));
-    writing_.reset(new koDirectoryReadWriteLock::WriteLock(rw_->getWriteLock()));
-    reading_->onLost([] { say("told"); });
-    writing_->onLost([] { say("told"); });
+// A directory whose stat failed reads as gone: the lock throws, and the
+// contender logs it as an error (errno -1) and goes on.
+template <class Call>
+bool failSafe(Call call) {
+  try {
+    return call();
+  } catch (const std::exception& e) {
+    say("error", "%s", e.what());
+    errno = -1;
+    return false;
   }
-
-  // A directory whose stat failed reads as gone: the lock throws, and the
-  // contender logs it as an error (errno -1) and goes on.
-  bool acquire(bool write, unsigned long ms) {
-    write_ = write;
-    return failSafe([&] {
-      return exclusive_ ? exclusive_->acquire(ms, TimeUnit::sMilliseconds(), false)
-                        : handle().acquire(ms, TimeUnit::sMilliseconds());
-    });
-  }
-  bool release() {
-    return failSafe([&] {
-      return exclusive_ ? exclusive_->release(koForever, TimeUnit::sSeconds())
-                        : handle().release(koForever, TimeUnit::sSeconds());
-    });
-  }
-  bool lost() const { return exclusive_ ? exclusive_->lost() : handle().lost(); }
-  const char* kind() const { return exclusive_ ? "X" : write_ ? "W" : "R"; }
-
- private:
-  template <class Call>
-  static bool failSafe(Call call) {
-    try {
-      return call();
-    } catch (const std::exception& e) {
-      say("error", "%s", e.what());
-      errno = -1;
-      return false;
-    }
-  }
-
-  koDirectoryReadWriteLock::AbstractLock& handle() const {
-    return write_ ? static_cast<koDirectoryReadWriteLock::AbstractLock&>(*writing_) : *reading_;
-  }
-
-  bool write_ = true;
-  std::unique_ptr<koDirectoryExclusiveLock> exclusive_;
-  std::unique_ptr<koDirectoryReadWriteLock> rw_;
-  std::unique_ptr<koDirectoryReadWriteLock::ReadLock> reading_;
-  std::unique_ptr<koDirectoryReadWriteLock::WriteLock> writing_;
-};
+}
 
 // Takes the lock again and again until the schedule ends: a gap, an
 // acquisition with a time-out (0, a single attempt, one time in five), a
@@ -542,7 +485,8 @@ void contend() {
   auto uniform = [&random](double low, double high) {
     return std::uniform_real_distribution<double>(low, high)(random);
   };
-  Lock lock;
+  korvel_test::AnyLock lock(config.dir, !schedule.rw, "explorer");
+  lock.onLost([] { say("told"); });
   const double end = schedule.end;
   bool victim = config.id == 0;
   for (bool first = true;; first = false) {
@@ -557,7 +501,7 @@ void contend() {
         : uniform(0, 1) < 0.2
             ? 0
             : static_cast<unsigned long>(1000 * uniform(1.0, std::min(20.0, left)));
-    if (!lock.acquire(write, ms)) {
+    if (!failSafe([&] { return lock.acquire(ms, write); })) {
       say("fail", "%d", errno);
       continue;
     }
@@ -580,7 +524,7 @@ void contend() {
       raise(SIGKILL);
     }
     say("rls");  // the hold ends here, whatever the release does
-    const bool released = lock.release();
+    const bool released = failSafe([&] { return lock.release(); });
     say("rel", "%d %d", released ? 1 : 0, released ? 0 : errno);
   }
 }

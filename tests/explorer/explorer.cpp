@@ -46,7 +46,6 @@
 #include <limits>
 #include <map>
 #include <mutex>
-#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -86,12 +85,6 @@ std::string format(const char* text, ...) {
 }
 
 // ---- Running one schedule ----
-
-long long monotonicNs() {
-  timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return t.tv_sec * 1000000000LL + t.tv_nsec;
-}
 
 void removeTree(const std::string& path) {
   nftw(
@@ -306,15 +299,10 @@ class Run {
           readLock = e.path;
         } else if (e.what == "acq") {
           const char kind = e.path[0];
-          holds.push_back({p,
-                           kind,
-                           e.t,
-                           kForever,
-                           kind == 'X'   ? dir_ + "/.deploy_lock.0"
-                           : kind == 'W' ? dir_ + "/.deploy_write_lock"
-                                         : readLock,
-                           {},
-                           kForever});
+          const std::string file = kind == 'X'   ? dir_ + "/.deploy_lock.0"
+                                   : kind == 'W' ? dir_ + "/.deploy_write_lock"
+                                                 : readLock;
+          holds.push_back({p, kind, e.t, kForever, file, {}, kForever});
           holding = true;
         } else if (holding && e.what == "die") {
           holds.back().end = std::min(holds.back().end, e.t);  // a dead process holds nothing

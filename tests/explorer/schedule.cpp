@@ -1,6 +1,7 @@
 #include "tests/explorer/schedule.h"
 
 #include <signal.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -74,6 +75,12 @@ bool targets(int target, const char* path) {
     default:
       return true;
   }
+}
+
+long long monotonicNs() {
+  timespec t;
+  clock_gettime(CLOCK_MONOTONIC, &t);
+  return t.tv_sec * 1000000000LL + t.tv_nsec;
 }
 
 double offsetAt(const std::vector<Step>& steps, double t) {

@@ -52,6 +52,10 @@ struct Step {
   double delta;
 };
 
+// CLOCK_MONOTONIC in nanoseconds: the clock the runner and every contender
+// share.
+long long monotonicNs();
+
 // The sum of the steps made by time t.
 double offsetAt(const std::vector<Step>& steps, double t);
 

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +11,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -147,8 +145,7 @@ TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
 // by file times alone.
 TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
   const std::string lock = level(0);
-  korvel_test::writeFile(lock, "1");
-  ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
+  korvel_test::writeFile(lock, "1", 300);
   FileState seen;
   {
     koStaleLockRemover judge;
@@ -159,8 +156,7 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
     korvel_test::advanceClock(0.001);
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kStale);
     korvel_test::freezeClock(false);
-    korvel_test::writeFile(lock, "2");  // its holder refreshed: watched afresh
-    ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - 300));
+    korvel_test::writeFile(lock, "2", 300);  // its holder refreshed: watched afresh
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
     judge.remember();  // as an attempt that ends without the lock
   }
@@ -184,8 +180,7 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
     korvel_test::observeOpens(nullptr);
   }
   for (const time_t age : {590, 610}) {
-    korvel_test::writeFile(lock, std::to_string(age));
-    ASSERT_TRUE(korvel_test::setMtime(lock, time(nullptr) - age));
+    korvel_test::writeFile(lock, std::to_string(age), age);
     koStaleLockRemover judge;
     EXPECT_EQ(judge.judge(lock, &seen), age > 600 ? Verdict::kStale : Verdict::kLive) << age;
   }
@@ -239,7 +234,7 @@ TEST_F(FsLockTest, ReentrantAcquireAndRelease) {
   EXPECT_TRUE(entries(dir_.path()).empty()) << "the destructor released both";
 }
 
-TEST_F(FsLockTest, BusyLockTimesOutAndLeavesNoQueueFile) {
+TEST_F(FsLockTest, BusyLockTimesOutAndRemovesItsQueueFileOrSaysSo) {
   koDirectoryExclusiveLock holder(dir_.path(), "holder");
   koDirectoryExclusiveLock other(dir_.path(), "other");
   ASSERT_TRUE(holder.acquire(koForever, TimeUnit::sSeconds(), false));
@@ -251,6 +246,12 @@ TEST_F(FsLockTest, BusyLockTimesOutAndLeavesNoQueueFile) {
   EXPECT_GE(secondsSince(before), 0.25);
   EXPECT_EQ(errno, ETIMEDOUT) << "kept through the clean-up of the wait";
   EXPECT_EQ(entries(dir_.path()), std::set<std::string>{".deploy_lock.0"});
+  // A queue place that cannot be removed is reported.
+  WarningCapture warnings;
+  korvel_test::failUnder(Fault::kRemove, level(1));
+  EXPECT_FALSE(other.acquire(0, TimeUnit::sSeconds(), true));
+  EXPECT_EQ(warnings.text(), "FS_LOCK: failed to remove " + level(1) + "(768)\n");
+  EXPECT_TRUE(holder.release(koForever, TimeUnit::sSeconds()));
 }
 
 // A dead holder's file is taken over by a single attempt only when it is
@@ -260,8 +261,7 @@ TEST_F(FsLockTest, DeadHoldersAreTakenOverOnceWatchedLongEnough) {
   for (const time_t age : {30, 700}) {
     SCOPED_TRACE(age);
     korvel_test::clearHooks();
-    korvel_test::writeFile(level(0), "4242");
-    ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - age));
+    korvel_test::writeFile(level(0), "4242", age);
     koDirectoryExclusiveLock lock(dir_.path(), "waiter");
     if (age < 600) {
       EXPECT_FALSE(lock.acquire(0, TimeUnit::sSeconds(), false));
@@ -275,8 +275,7 @@ TEST_F(FsLockTest, DeadHoldersAreTakenOverOnceWatchedLongEnough) {
     EXPECT_TRUE(entries(dir_.path()).empty());
   }
   for (int n : {1, 2, 3, 5}) {
-    korvel_test::writeFile(level(n), "7");
-    ASSERT_TRUE(korvel_test::setMtime(level(n), time(nullptr) - (n == 5 ? 1 : n == 1 ? 30 : 700)));
+    korvel_test::writeFile(level(n), "7", n == 5 ? 1 : n == 1 ? 30 : 700);
   }
   koDirectoryExclusiveLock lock(dir_.path(), "sweeper");
   ASSERT_TRUE(lock.acquire(0, TimeUnit::sSeconds(), true));
@@ -338,7 +337,7 @@ TEST_F(FsLockTest, NothingHangsSilently) {
 // does with amounts under a second: a refresh every 5 s, a deadline of
 // 900 ms kept to the millisecond.
 TEST_F(FsLockTest, RefreshesComeEveryFiveSecondsAndDeadlinesKeepTheirMilliseconds) {
-  korvel_test::scaleWaits(10);  // the 5 s refresh period passes in 0.5 s
+  korvel_test::waitScale = 10;  // the 5 s refresh period passes in 0.5 s
   koDirectoryExclusiveLock lock(dir_.path(), "t");
   ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
   const int before = korvel_test::writesTo(level(0));
@@ -405,7 +404,7 @@ TEST_F(FsLockTest, ALeaseRunsOutOnTheClockAlone) {
   }
   {
     // Each refresh moves the lease to 14 s from its own start, no further.
-    korvel_test::scaleWaits(10);  // a refresh every 0.5 s
+    korvel_test::waitScale = 10;  // a refresh every 0.5 s
     koDirectoryExclusiveLock refreshed(at("refreshed"), "r");
     ASSERT_TRUE(refreshed.acquire(0, TimeUnit::sSeconds(), true));
     usleep(1300000);
@@ -454,8 +453,7 @@ TEST_F(FsLockTest, AWaiterStoppedBeforeATakeoverLeavesLevelZeroAlone) {
     SCOPED_TRACE(std::string(c.afterJudging ? "after" : "before") + " judging, level 0 " +
                  c.level0);
     korvel_test::clearHooks();
-    korvel_test::writeFile(level(0), "4242");
-    ASSERT_TRUE(korvel_test::setMtime(level(0), time(nullptr) - 700));
+    korvel_test::writeFile(level(0), "4242", 700);
     bool stopped = false;
     auto stop = [&] {
       stopped = true;
@@ -524,17 +522,6 @@ TEST_F(FsLockTest, BadDirectoriesAndForkedChildrenAreRefused) {
   delete lock;
 }
 
-TEST_F(FsLockTest, UnremovableQueueFileIsReported) {
-  koDirectoryExclusiveLock holder(dir_.path(), "holder");
-  ASSERT_TRUE(holder.acquire(koForever, TimeUnit::sSeconds(), true));
-  WarningCapture warnings;
-  korvel_test::failUnder(Fault::kRemove, level(1));
-  koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
-  EXPECT_FALSE(waiter.acquire(0, TimeUnit::sSeconds(), true));
-  EXPECT_EQ(warnings.text(), "FS_LOCK: failed to remove " + level(1) + "(768)\n");
-  EXPECT_TRUE(holder.release(koForever, TimeUnit::sSeconds()));
-}
-
 // ---- Real processes ----
 
 class LockProcessTest : public FsLockTest {
@@ -543,15 +530,6 @@ class LockProcessTest : public FsLockTest {
               std::vector<std::string> env = {}, const std::string& err = "") {
     env.push_back("KORVEL_TEST_STATE_DIR=" + korvel_test::localStateDirectory());
     return korvel_test::spawn(KORVEL_LOCK_CHILD, args, env, out, err);
-  }
-  // A child holding dir's lock of kind, once it says so.
-  pid_t holder(const std::string& dir, const std::string& kind, const std::string& out) {
-    const pid_t pid = start({"hold", dir, kind}, out);
-    EXPECT_TRUE(korvel_test::waitForFileText(out, "held\n", 20)) << kind;
-    return pid;
-  }
-  int tryLock(const std::string& dir, const std::string& kind, int ms) {
-    return korvel_test::waitChild(start({"try", dir, kind, std::to_string(ms)}));
   }
 };
 
@@ -566,9 +544,9 @@ TEST_F(LockProcessTest, OnOneHostTheKernelTellsWhatItKnows) {
     SCOPED_TRACE(how);
     const bool watched = strcmp(how, "polling") != 0;
     korvel_test::clearHooks();
-    korvel_test::failWatches(!watched);
-    korvel_test::refuseRenames(strstr(how, "created") != nullptr);
-    if (watched) korvel_test::scaleWaits(0.001);
+    korvel_test::watchesFail = !watched;
+    korvel_test::renamesRefused = strstr(how, "created") != nullptr;
+    if (watched) korvel_test::waitScale = 0.001;
     koDirectoryExclusiveLock holder(dir_.path(), "holder");
     koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
     ASSERT_TRUE(holder.acquire(0, TimeUnit::sSeconds(), true));

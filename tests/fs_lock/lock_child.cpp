@@ -49,13 +49,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <functional>
-#include <memory>
 #include <random>
 #include <string>
 
 #include "host/host.h"
 #include "korvel/fs_lock.h"
+#include "tests/support/any_lock.h"
 
 using Zentha::System::TimeUnit;
 
@@ -164,32 +163,6 @@ void addOne(const std::string& counter) {
   }
 }
 
-// The lock of the kind asked for, behind one face.
-struct AnyLock {
-  AnyLock(const std::string& dir, const std::string& kind) : rw(dir) {
-    if (kind == "excl") {
-      excl.reset(new koDirectoryExclusiveLock(dir, "child"));
-    } else {
-      handle.reset(kind == "write" ? static_cast<koDirectoryReadWriteLock::AbstractLock*>(
-                                         new koDirectoryReadWriteLock::WriteLock(rw.getWriteLock()))
-                                   : new koDirectoryReadWriteLock::ReadLock(rw.getReadLock()));
-    }
-  }
-  bool acquire(unsigned long ms) {
-    return excl ? excl->acquire(ms, TimeUnit::sMilliseconds(), false)
-                : handle->acquire(ms, TimeUnit::sMilliseconds());
-  }
-  bool release() {
-    return excl ? excl->release(koForever, TimeUnit::sSeconds())
-                : handle->release(koForever, TimeUnit::sSeconds());
-  }
-  void onLost(std::function<void()> f) { excl ? excl->onLost(f) : handle->onLost(f); }
-
-  koDirectoryReadWriteLock rw;
-  std::unique_ptr<koDirectoryExclusiveLock> excl;
-  std::unique_ptr<koDirectoryReadWriteLock::AbstractLock> handle;
-};
-
 int countLoop(const std::string& dir, int rounds) {
   koDirectoryExclusiveLock lock(dir, "counter");
   const std::string inside = dir + "/inside";
@@ -258,9 +231,9 @@ int hold(const std::string& dir, const std::string& kind) {
   sigaddset(&terminate, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &terminate, nullptr);  // taken by sigwait below
   signal(SIGTSTP, pauseClock);
-  AnyLock lock(dir, kind);
+  korvel_test::AnyLock lock(dir, kind == "excl", "child");
   lock.onLost([] { say("lost " + std::to_string(now())); });
-  if (!lock.acquire(koForever)) return 1;
+  if (!lock.acquire(koForever, kind == "write")) return 1;
   say("held " + std::to_string(now()) + " " + std::to_string(time(nullptr)));
   int signal = 0;
   sigwait(&terminate, &signal);
@@ -303,8 +276,9 @@ int main(int argc, char** argv) {
   if (mode == "inside" && argc == 5) return holdWork(dir, argv[3][0] == 'w', 200, atoll(argv[4]));
   if (mode == "hold" && argc == 4) return hold(dir, argv[3]);
   if (mode == "try" && argc == 5) {
-    AnyLock lock(dir, argv[3]);
-    if (!lock.acquire(strtoul(argv[4], nullptr, 10))) return 1;
+    const std::string kind = argv[3];
+    korvel_test::AnyLock lock(dir, kind == "excl", "child");
+    if (!lock.acquire(strtoul(argv[4], nullptr, 10), kind == "write")) return 1;
     return lock.release() ? 0 : 2;
   }
   if (mode == "watch" && (argc == 3 || argc == 4)) return watch(dir, argc == 4);

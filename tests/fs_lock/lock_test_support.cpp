@@ -1,15 +1,11 @@
 #include "tests/fs_lock/lock_test_support.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -39,9 +35,6 @@ std::mutex hookMutex;
 Hooks hooks;  // guarded by hookMutex
 std::atomic<double> clockOffset{0.0};
 std::atomic<double> frozenAt{0.0};  // 0: the clock runs
-std::atomic<double> waitScale{1.0};
-std::atomic<bool> watchesFail{false};
-std::atomic<bool> renamesRefused{false};
 
 // The error to fail an operation of that kind on path with, or 0.
 int faultFor(Fault which, const char* path) {
@@ -54,6 +47,9 @@ int faultFor(Fault which, const char* path) {
 }  // namespace
 
 std::atomic<int> removeCalls{0};
+std::atomic<double> waitScale{1.0};
+std::atomic<bool> watchesFail{false};
+std::atomic<bool> renamesRefused{false};
 
 void failUnder(Fault which, const std::string& prefix, int error) {
   std::lock_guard<std::mutex> lock(hookMutex);
@@ -95,18 +91,6 @@ const std::string& localStateDirectory() {
   return dir->path();
 }
 
-void failWatches(bool fail) {
-  watchesFail = fail;
-}
-
-void refuseRenames(bool refuse) {
-  renamesRefused = refuse;
-}
-
-void scaleWaits(double factor) {
-  waitScale = factor;
-}
-
 void clearHooks() {
   std::lock_guard<std::mutex> lock(hookMutex);
   hooks = Hooks();
@@ -122,17 +106,6 @@ int writesTo(const std::string& path) {
   std::lock_guard<std::mutex> lock(hookMutex);
   auto found = hooks.writeCounts.find(path);
   return found == hooks.writeCounts.end() ? 0 : found->second;
-}
-
-std::set<std::string> entries(const std::string& dir) {
-  std::set<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) names.insert(e->d_name);
-    }
-    closedir(d);
-  }
-  return names;
 }
 
 int WarningCapture::count(const std::string& what) const {

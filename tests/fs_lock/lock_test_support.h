@@ -11,7 +11,6 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
-#include <set>
 #include <string>
 
 #include "fs_lock/read_write_lock.h"
@@ -41,15 +40,15 @@ void freezeClock(bool frozen);
 // host knows; lock_child takes it from KORVEL_TEST_STATE_DIR.
 const std::string& localStateDirectory();
 
-// Directory watches fail as when the inotify limit is reached (ENOSPC).
-void failWatches(bool fail);
-// Renames that must not replace fail as where the file system cannot
-// promise that (EINVAL).
-void refuseRenames(bool refuse);
-
-// Timed waits of the lock code (not its sleeps) pass `factor` times faster
-// than the clock: 5 s of refresh period take 5 / factor real seconds.
-void scaleWaits(double factor);
+// Switches that clearHooks() turns off. While watchesFail, directory
+// watches fail as when the inotify limit is reached (ENOSPC); while
+// renamesRefused, renames that must not replace fail as where the file
+// system cannot promise that (EINVAL). Timed waits of the lock code (not
+// its sleeps) pass waitScale times faster than the clock: 5 s of refresh
+// period take 5 / waitScale real seconds.
+extern std::atomic<bool> watchesFail;
+extern std::atomic<bool> renamesRefused;
+extern std::atomic<double> waitScale;
 
 // Operations of that kind on paths starting with prefix fail with error
 // (EPERM, as some network mounts answer, unless told otherwise); an empty
@@ -75,9 +74,6 @@ void clearHooks();
 extern std::atomic<int> removeCalls;
 // Opens for writing (not exclusive creates) of path so far.
 int writesTo(const std::string& path);
-
-// The names in dir, without "." and "..".
-std::set<std::string> entries(const std::string& dir);
 
 // A lock_child's output without its times: "held\nlost\nreleased 0\n".
 std::string withoutTimes(const std::string& text);

@@ -42,13 +42,9 @@ const char kReadLockPrefix[] = ".deploy_read_lock.";
 
 // A fresh handle's acquisition, its result; the handle (and its file) go
 // with the call.
-bool acquireWrite(const koDirectoryReadWriteLock& rw, unsigned long n, const TimeUnit& unit) {
-  WriteLock writing = rw.getWriteLock();
-  return writing.acquire(n, unit);
-}
-bool acquireRead(const koDirectoryReadWriteLock& rw, unsigned long n, const TimeUnit& unit) {
-  ReadLock reading = rw.getReadLock();
-  return reading.acquire(n, unit);
+template <class Handle>
+bool acquireOnce(Handle handle, unsigned long n, const TimeUnit& unit) {
+  return handle.acquire(n, unit);
 }
 
 bool loopRunning(const koDirectoryReadWriteLock& rw) {
@@ -108,7 +104,7 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   EXPECT_TRUE(copy.isAcquired());
   ASSERT_TRUE(copy.acquire(0, TimeUnit::sSeconds())) << "nested: no file work, no waiting";
   EXPECT_FALSE(first.acquire(300, TimeUnit::sMilliseconds()));
-  EXPECT_FALSE(acquireWrite(rw, 300, TimeUnit::sMilliseconds()))
+  EXPECT_FALSE(acquireOnce(rw.getWriteLock(), 300, TimeUnit::sMilliseconds()))
       << "one write lock per directory and process, whatever the handle";
   EXPECT_TRUE(writing.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(writeLockFileExists()) << "one acquisition is still counted";
@@ -128,7 +124,7 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   koDirectoryExclusiveLock program(dir_.path(), "program");
   ASSERT_TRUE(program.acquire(0, TimeUnit::sSeconds(), true));
   const auto tried = std::chrono::steady_clock::now();
-  EXPECT_FALSE(acquireRead(rw, 0, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireOnce(rw.getReadLock(), 0, TimeUnit::sSeconds()));
   EXPECT_LT(secondsSince(tried), 0.3);
   EXPECT_TRUE(program.release());
   EXPECT_FALSE(loopRunning(rw));
@@ -186,7 +182,7 @@ TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
     if (at("r/") + name != quietFile) readFileName = at("r/") + name;
   }
   // A writer of the same process waits on the read locks.
-  std::thread waiter([&] { EXPECT_FALSE(acquireWrite(r, 7, TimeUnit::sSeconds())); });
+  std::thread waiter([&] { EXPECT_FALSE(acquireOnce(r.getWriteLock(), 7, TimeUnit::sSeconds())); });
   // And a holder whose file is taken over finds out at its next refresh.
   ASSERT_EQ(mkdir(at("t").c_str(), 0755), 0);
   koDirectoryExclusiveLock overtaken(at("t"), "old");
@@ -231,7 +227,7 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   {
     koDirectoryReadWriteLock rw(missing);
     try {
-      acquireRead(rw, koForever, TimeUnit::sSeconds());
+      acquireOnce(rw.getReadLock(), koForever, TimeUnit::sSeconds());
       ADD_FAILURE() << "no exception";
     } catch (const koNoSuchDirectory& e) {
       EXPECT_STREQ(e.what(),
@@ -242,11 +238,11 @@ TEST_F(RwLockTest, MissingAndUnusableDirectoriesAreReportedWhereTheyMatter) {
   WarningCapture warnings;
   korvel_test::failUnder(Fault::kList, at(""), EACCES);
   koDirectoryReadWriteLock unlistable(dir_.path());
-  EXPECT_FALSE(acquireWrite(unlistable, koForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireOnce(unlistable.getWriteLock(), koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EACCES);
   // Nor does a reader enter when the write lock's file cannot be looked at.
   korvel_test::failUnder(Fault::kStat, at(kWriteLock), EIO);
-  EXPECT_FALSE(acquireRead(unlistable, koForever, TimeUnit::sSeconds()));
+  EXPECT_FALSE(acquireOnce(unlistable.getReadLock(), koForever, TimeUnit::sSeconds()));
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(warnings.count("FS_LOCK: cannot"), 2) << warnings.text();
 
@@ -300,8 +296,7 @@ TEST_F(RwLockTest, UnremovableLockFileIsReportedAndLeftToGoStale) {
 // holder until the time-out, and is named once.
 TEST_F(RwLockTest, ForeignObjectsBlockButAreNeverTouched) {
   const std::string precious = at("precious");
-  korvel_test::writeFile(precious, "mine");
-  ASSERT_TRUE(korvel_test::setMtime(precious, time(nullptr) - 3600));
+  korvel_test::writeFile(precious, "mine", 3600);
   struct Object {
     const char* kind;
     std::function<int(const std::string&)> make;
@@ -329,7 +324,7 @@ TEST_F(RwLockTest, ForeignObjectsBlockButAreNeverTouched) {
       const auto start = std::chrono::steady_clock::now();
       if (name == kWriteLock) {
         koDirectoryReadWriteLock rw(dir);
-        EXPECT_FALSE(acquireWrite(rw, 300, TimeUnit::sMilliseconds()));
+        EXPECT_FALSE(acquireOnce(rw.getWriteLock(), 300, TimeUnit::sMilliseconds()));
       } else {
         koDirectoryExclusiveLock lock(dir, "t");
         EXPECT_FALSE(lock.acquire(300, TimeUnit::sMilliseconds(), true));
@@ -361,16 +356,15 @@ TEST_F(RwLockTest, OtherUsersFilesInSharedDirectories) {
   ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
   ASSERT_EQ(mkdir(shared.c_str(), 0777), 0);
   ASSERT_EQ(chmod(shared.c_str(), 01777), 0);
-  korvel_test::writeFile(precious, "daemon's own");
+  korvel_test::writeFile(precious, "daemon's own", 3600);
   ASSERT_EQ(chown(precious.c_str(), kDaemon, kDaemon), 0);
-  ASSERT_TRUE(korvel_test::setMtime(precious, time(nullptr) - 3600));
   EXPECT_EQ(korvel_test::runUnprivileged(
                 [&] { return symlink(precious.c_str(), (shared + "/" + kWriteLock).c_str()); }),
             0);
   EXPECT_EQ(korvel_test::runUnprivileged(
                 [&] {
                   koDirectoryReadWriteLock rw(shared);
-                  return acquireWrite(rw, 1, TimeUnit::sSeconds()) ? 1 : 0;
+                  return acquireOnce(rw.getWriteLock(), 1, TimeUnit::sSeconds()) ? 1 : 0;
                 },
                 kDaemon),
             0);
@@ -483,13 +477,11 @@ TEST_F(RwProcessTest, FiniteWaitsRideOutContentionAndBreakStaleLocks) {
   for (pid_t pid : writers) EXPECT_EQ(korvel_test::waitChild(pid), 0) << "gave up early";
 
   // A long dead writer's file: a single attempt breaks it and enters.
-  korvel_test::writeFile(at(kWriteLock), "77");
-  ASSERT_TRUE(korvel_test::setMtime(at(kWriteLock), time(nullptr) - 700));
+  korvel_test::writeFile(at(kWriteLock), "77", 700);
   EXPECT_EQ(tryLock(dir_.path(), "write", 0), 0);
 
   // A directory lock left by a holder killed during its brief hold.
-  korvel_test::writeFile(at(".deploy_lock.0"), "77");
-  ASSERT_TRUE(korvel_test::setMtime(at(".deploy_lock.0"), time(nullptr) - 700));
+  korvel_test::writeFile(at(".deploy_lock.0"), "77", 700);
   EXPECT_EQ(tryLock(dir_.path(), "write", 3000), 0);
 
   // A dead reader's file goes too, once watched for 15 s, but not before.
@@ -590,8 +582,7 @@ TEST_F(RwProcessTest, AStalledJudgementActsOnNothingThatChanged) {
     const std::string judged = dir + "/" + kWriteLock;
     const std::string out = dir + ".out";
     ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-    korvel_test::writeFile(judged, "77");
-    ASSERT_TRUE(korvel_test::setMtime(judged, time(nullptr) - 700));
+    korvel_test::writeFile(judged, "77", 700);
     pid_t other = -1;
     bool stalled = false;
     // The stale test's fresh file: the write lock was looked at just before.
@@ -611,7 +602,7 @@ TEST_F(RwProcessTest, AStalledJudgementActsOnNothingThatChanged) {
       if (std::string(c.other) == "write") korvel_test::advanceClock(24);
     });
     koDirectoryReadWriteLock rw(dir);
-    EXPECT_FALSE(acquireWrite(rw, 1, TimeUnit::sSeconds()));
+    EXPECT_FALSE(acquireOnce(rw.getWriteLock(), 1, TimeUnit::sSeconds()));
     korvel_test::observeOpens(nullptr);
     EXPECT_TRUE(stalled);
     if (other < 0) {

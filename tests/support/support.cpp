@@ -155,16 +155,32 @@ void removeTree(const std::string& path) {
   removeAt(AT_FDCWD, path.c_str());
 }
 
-void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  ASSERT_TRUE(out.good()) << path;
-  out << text;
+void writeFile(const std::string& path, const std::string& text, time_t age) {
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    ASSERT_TRUE(out.good()) << path;
+    out << text;
+  }  // closed before its times are set
+  if (age != 0) {
+    ASSERT_TRUE(setMtime(path, time(nullptr) - age)) << path;
+  }
 }
 
 std::string readFile(const std::string& path) {
   std::ostringstream text;
   text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
+}
+
+std::set<std::string> entries(const std::string& dir) {
+  std::set<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (const dirent* e = readdir(d)) names.insert(e->d_name);
+    closedir(d);
+  }
+  names.erase(".");
+  names.erase("..");
+  return names;
 }
 
 bool setMtime(const std::string& path, time_t seconds) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
+#include <set>
 #include <string>
 
 namespace korvel_test {
@@ -32,10 +33,13 @@ class TempDir {
 // PATH_MAX depth too. Adds owner permissions where needed.
 void removeTree(const std::string& path);
 
-// Writes text to the file at path (created or truncated); fails the test on error.
-void writeFile(const std::string& path, const std::string& text);
+// Writes text to the file at path (created or truncated), its times set
+// `age` seconds back when age is not 0; fails the test on error.
+void writeFile(const std::string& path, const std::string& text, time_t age = 0);
 // Reads the whole file; empty when it cannot be read.
 std::string readFile(const std::string& path);
+// The names in dir, without "." and "..".
+std::set<std::string> entries(const std::string& dir);
 // Sets the modification (and access) time of path to whole second seconds;
 // false on failure.
 bool setMtime(const std::string& path, time_t seconds);

@@ -5,7 +5,6 @@
 // the cgroup's CPU quota can be served from a file of the test's.
 #include "korvel/threads.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>

@@ -2,23 +2,18 @@
 // statuses, signals and job control (also from a terminal), waits that the
 // library cannot end, hostile directories in --status, --clean and a run,
 // lost locks, and its help against its manual page.
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -91,8 +86,7 @@ void plant(const std::string& path, int age, const std::string& type = "file") {
   } else if (type == "symlink") {
     ASSERT_EQ(symlink("/nowhere/at/all", path.c_str()), 0) << path;
   } else {
-    writeFile(path, "1");
-    ASSERT_TRUE(korvel_test::setMtime(path, time(nullptr) - age)) << path;
+    writeFile(path, "1", age);
   }
 }
 
@@ -127,16 +121,7 @@ class KorvelLockTest : public TempDirTest {
   }
 
   // Everything in the locked directory.
-  Names names() const {
-    Names found;
-    if (DIR* d = opendir(locked().c_str())) {
-      while (const dirent* e = readdir(d)) found.insert(e->d_name);
-      closedir(d);
-    }
-    found.erase(".");
-    found.erase("..");
-    return found;
-  }
+  Names names() const { return korvel_test::entries(locked()); }
   void emptyLocked(mode_t mode = 0755) {
     korvel_test::removeTree(locked());
     ASSERT_EQ(mkdir(locked().c_str(), mode), 0);
@@ -219,7 +204,19 @@ TEST_F(KorvelLockTest, ALockHeldEndsTheTryWithTheConflictStatus) {
   }
   EXPECT_FALSE(exists(work("ran")));
   EXPECT_EQ(names(), Names{".deploy_write_lock"});
+  // A wait on a terminal says what it waits for, and clears its line once
+  // it has the lock.
+  int master = -1;
+  const pid_t tool = startOnTerminal({"-s", locked(), "true"}, &master);
+  const std::string line = "korvel-lock: waiting for the shared lock on '" + locked() +
+                           "', held by a writer( for [0-9]+ s|; waited [0-9]+ s)";
+  const std::string seen = readTerminal(master, std::regex(line));
+  EXPECT_TRUE(std::regex_search(seen, std::regex("\r" + line + "\x1b\\[K"))) << seen;
   release(holder);
+  const std::regex cleared("\r\x1b\\[K$");
+  EXPECT_TRUE(std::regex_search(readTerminal(master, cleared), cleared)) << "the line is cleared";
+  EXPECT_EQ(korvel_test::waitChild(tool), 0);
+  close(master);
   EXPECT_EQ(names(), Names{});
 }
 
@@ -406,21 +403,6 @@ TEST_F(KorvelLockTest, ALostLockIsReportedAsLost) {
   EXPECT_EQ(lost.status, 76);
   const std::string said = "korvel-lock: lost the shared lock on '" + locked() + "' while the";
   EXPECT_EQ(lost.err.rfind(said + " command ran: ", 0), 0u) << lost.err;
-}
-
-TEST_F(KorvelLockTest, AWaitOnATerminalSaysWhatItWaitsFor) {
-  const pid_t holder = holdLock();
-  int master = -1;
-  const pid_t tool = startOnTerminal({"-s", locked(), "true"}, &master);
-  const std::string line = "korvel-lock: waiting for the shared lock on '" + locked() +
-                           "', held by a writer( for [0-9]+ s|; waited [0-9]+ s)";
-  const std::string seen = readTerminal(master, std::regex(line));
-  EXPECT_TRUE(std::regex_search(seen, std::regex("\r" + line + "\x1b\\[K"))) << seen;
-  release(holder);
-  const std::regex cleared("\r\x1b\\[K$");
-  EXPECT_TRUE(std::regex_search(readTerminal(master, cleared), cleared)) << "the line is cleared";
-  EXPECT_EQ(korvel_test::waitChild(tool), 0);
-  close(master);
 }
 
 TEST_F(KorvelLockTest, MisuseGivesOneLineAndLeavesNothing) {
