@@ -131,6 +131,7 @@ TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
   EXPECT_TRUE(Deadline::after(0, TimeUnit::sSeconds()).passed());
   EXPECT_NEAR(Deadline::afterSeconds(5).capped(1).remaining(), 1.0, 0.2);
   EXPECT_NEAR(Deadline::afterSeconds(1).capped(5).remaining(), 1.0, 0.2);
+  EXPECT_NEAR(Deadline::after(koForever, TimeUnit::sSeconds()).capped(1).remaining(), 1.0, 0.2);
   EXPECT_EQ(koDirectoryLockThreadPool().get(), koDirectoryLockThreadPool().get());
   koDirectoryExclusiveLock holder(dir_.path(), "h");
   koDirectoryExclusiveLock other(dir_.path(), "o");
@@ -138,6 +139,13 @@ TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
   const auto before = std::chrono::steady_clock::now();
   EXPECT_FALSE(other.try_lock_for(std::chrono::milliseconds(300)));
   EXPECT_LT(secondsSince(before), 10) << "300 ms, not 300 s";
+  std::thread releaser([&] {
+    usleep(300000);
+    EXPECT_TRUE(holder.release());
+  });
+  EXPECT_TRUE(other.try_lock_for(std::chrono::milliseconds(3000))) << "3000 ms, not 3";
+  releaser.join();
+  other.unlock();
 }
 
 // A file is stale once this host has seen it unchanged for more than 15 s,
@@ -406,7 +414,7 @@ TEST_F(FsLockTest, ALeaseRunsOutOnTheClockAlone) {
     // Each refresh moves the lease to 14 s from its own start, no further.
     korvel_test::waitScale = 10;  // a refresh every 0.5 s
     koDirectoryExclusiveLock refreshed(at("refreshed"), "r");
-    ASSERT_TRUE(refreshed.acquire(0, TimeUnit::sSeconds(), true));
+    ASSERT_TRUE(refreshed.acquire(0, TimeUnit::sSeconds(), false));
     usleep(1300000);
     korvel_test::advanceClock(14.5);
     EXPECT_TRUE(refreshed.lost());
