@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the fault explorer of the directory locks (tests/explorer) in the
+# Runs the fault explorer of the directory locks (explorer/) in the
 # normal build: schedules of contenders with injected faults, checked by its
 # oracle. Prints each failing seed with its schedule in words, then the
 # schedules per minute and the faults injected by kind. Exit status 1 when

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Counts the C++ lines of the tree by kind: tests (everything under tests/,
 # support code and helper programs included), library and tools, and bench,
-# fuzz and examples; then the share of tests in all of them. A line counts
+# fuzz, the fault explorer and examples; then the share of tests in all of
+# them. The fuzzer and the explorer are programs that search for failures,
+# not lists of cases: they count with the bench. A line counts
 # when it is not blank and not only a // comment. Files are *.cpp, *.h and
 # *.hpp known to git, untracked new files included (ignored ones are not).
 #   scripts/line-count.sh            the figures
@@ -30,11 +32,9 @@ if [ $# -gt 0 ]; then
 fi
 
 tests=$(files | grep -E '^tests/' | count)
-other=$(files | grep -E '^(bench|fuzz|examples)/' | count)
-library=$(files | grep -vE '^(tests|bench|fuzz|examples)/' | count)
+other=$(files | grep -E '^(bench|fuzz|explorer|examples)/' | count)
+library=$(files | grep -vE '^(tests|bench|fuzz|explorer|examples)/' | count)
 all=$((tests + library + other))
-echo "tests:                  $tests"
-echo "library and tools:      $library"
-echo "bench, fuzz, examples:  $other"
-echo "all:                    $all"
-awk -v t="$tests" -v a="$all" 'BEGIN { printf "tests share:            %.1f %%\n", a ? 100 * t / a : 0 }'
+printf '%-34s%s\n' "tests:" "$tests" "library and tools:" "$library" \
+  "bench, fuzz, explorer, examples:" "$other" "all:" "$all"
+awk -v t="$tests" -v a="$all" 'BEGIN { printf "%-34s%.1f %%\n", "tests share:", a ? 100 * t / a : 0 }'

@@ -4,8 +4,8 @@
 // Times are host times: seconds on the contenders' hostMonotonic(), which
 // runs `scale` times faster than CLOCK_MONOTONIC from a common epoch, so that
 // all contenders and the runner read one clock.
-#ifndef KORVEL_TESTS_EXPLORER_SCHEDULE_H_
-#define KORVEL_TESTS_EXPLORER_SCHEDULE_H_
+#ifndef KORVEL_EXPLORER_SCHEDULE_H_
+#define KORVEL_EXPLORER_SCHEDULE_H_
 
 #include <string>
 #include <vector>
@@ -102,4 +102,4 @@ struct Schedule {
 // The contender's main (contender.cpp), for "explorer --contend ...".
 int contenderMain(int argc, char** argv);
 
-#endif  // KORVEL_TESTS_EXPLORER_SCHEDULE_H_
+#endif  // KORVEL_EXPLORER_SCHEDULE_H_

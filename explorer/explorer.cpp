@@ -51,7 +51,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/explorer/schedule.h"
+#include "explorer/schedule.h"
 
 extern char** environ;
 

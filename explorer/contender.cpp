@@ -39,7 +39,7 @@
 
 #include "host/host.h"
 #include "korvel/fs_lock.h"
-#include "tests/explorer/schedule.h"
+#include "explorer/schedule.h"
 #include "tests/support/any_lock.h"
 
 using explorer::Call;

@@ -1,4 +1,4 @@
-#include "tests/explorer/schedule.h"
+#include "explorer/schedule.h"
 
 #include <signal.h>
 #include <time.h>
