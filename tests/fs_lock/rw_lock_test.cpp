@@ -128,6 +128,46 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   EXPECT_LT(secondsSince(tried), 0.3);
   EXPECT_TRUE(program.release());
   EXPECT_FALSE(loopRunning(rw));
+  // But one held for a moment is waited for. (The clock stops: however slow
+  // this run, the holder's file is not watched long enough to be a program.)
+  korvel_test::freezeClock(true);
+  ASSERT_TRUE(program.acquire(0, TimeUnit::sSeconds(), true));
+  std::thread brief([&] {
+    usleep(50000);
+    EXPECT_TRUE(program.release());
+  });
+  EXPECT_TRUE(acquireOnce(rw.getReadLock(), 0, TimeUnit::sSeconds()));
+  brief.join();
+  korvel_test::freezeClock(false);
+
+  // A full file system: the write-lock file is tried again at least once a
+  // second, and made soon after the space is back.
+  korvel_test::failUnder(Fault::kCreate, at(kWriteLock), ENOSPC);
+  std::thread cleared([] {
+    usleep(2900000);
+    korvel_test::failUnder(Fault::kCreate, "");
+  });
+  EXPECT_TRUE(acquireOnce(rw.getWriteLock(), 4200, TimeUnit::sMilliseconds()));
+  cleared.join();
+
+  // A child made by fork() uses none of its parent's locks: its copies
+  // neither release the parent's file nor wait for the parent's threads.
+  auto* forked = new koDirectoryReadWriteLock(dir_.path());
+  auto* held = new ReadLock(forked->getReadLock());
+  ASSERT_TRUE(held->acquire(koForever, TimeUnit::sSeconds()));
+  EXPECT_EQ(korvel_test::runInChild([&] {
+              alarm(5);
+              const bool refused = !held->release(koForever, TimeUnit::sSeconds());
+              delete held;
+              delete forked;
+              return refused ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(readLockFiles().size(), 1u);
+  EXPECT_TRUE(held->release(koForever, TimeUnit::sSeconds()));
+  delete held;
+  delete forked;
+  EXPECT_TRUE(entries(dir_.path()).empty());
 }
 
 TEST_F(RwLockTest, DowngradeHandsOverWithoutAGap) {
@@ -181,7 +221,11 @@ TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
   for (const std::string& name : readLockFiles(at("r"))) {
     if (at("r/") + name != quietFile) readFileName = at("r/") + name;
   }
-  // A writer of the same process waits on the read locks.
+  // A program holds r's directory lock throughout: the refresh waits for
+  // it a moment, then rewrites anyway (the lease matters more).
+  koDirectoryExclusiveLock program(at("r"), "program");
+  ASSERT_TRUE(program.acquire(koForever, TimeUnit::sSeconds(), false));
+  // A writer of the same process waits.
   std::thread waiter([&] { EXPECT_FALSE(acquireOnce(r.getWriteLock(), 7, TimeUnit::sSeconds())); });
   // And a holder whose file is taken over finds out at its next refresh.
   ASSERT_EQ(mkdir(at("t").c_str(), 0755), 0);
@@ -208,6 +252,7 @@ TEST_F(RwLockTest, HeldFilesAreRewrittenAndNothingStarvesTheRefresh) {
   EXPECT_FALSE(overtaken.release(koForever, TimeUnit::sSeconds()));
   EXPECT_TRUE(taker.release(koForever, TimeUnit::sSeconds())) << "its file was left alone";
   EXPECT_EQ(told, 1);
+  EXPECT_TRUE(program.release());
 
   // With nothing left to refresh, the loop stops: no more directory locks.
   ReadLock downgraded = writing.downgrade(koForever, TimeUnit::sSeconds());
