@@ -168,6 +168,14 @@ TEST_F(RwLockTest, HandlesCountShareAndBlockEachOther) {
   delete held;
   delete forked;
   EXPECT_TRUE(entries(dir_.path()).empty());
+
+  // A lock lost meanwhile (its lease ran out) is not acquired again nested.
+  ReadLock lapsed = rw.getReadLock();
+  ASSERT_TRUE(lapsed.acquire(0, TimeUnit::sSeconds(), true));
+  korvel_test::advanceClock(15);
+  EXPECT_FALSE(lapsed.acquire(0, TimeUnit::sSeconds()));
+  EXPECT_EQ(errno, ENOLCK);
+  EXPECT_FALSE(lapsed.release(koForever, TimeUnit::sSeconds()));
 }
 
 TEST_F(RwLockTest, DowngradeHandsOverWithoutAGap) {
