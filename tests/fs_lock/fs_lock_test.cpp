@@ -262,6 +262,21 @@ TEST_F(FsLockTest, BusyLockTimesOutAndRemovesItsQueueFileOrSaysSo) {
   EXPECT_TRUE(holder.release(koForever, TimeUnit::sSeconds()));
 }
 
+// Waiters already queued go first: a newcomer that finds level 0 free and
+// a waiter right above it lets the waiter move in, and queues behind it.
+TEST_F(FsLockTest, ANewcomerLetsTheWaiterAboveMoveIn) {
+  korvel_test::writeFile(level(1), "77");
+  int looks = 0;
+  korvel_test::observeLooks([&](const char* path) {
+    // The waiter steps down while the newcomer looks at it a second time.
+    if (path == level(1) && ++looks == 2 && link(path, level(0).c_str()) == 0) unlink(path);
+  });
+  koDirectoryExclusiveLock newcomer(dir_.path(), "newcomer");
+  EXPECT_FALSE(newcomer.acquire(300, TimeUnit::sMilliseconds(), true));
+  korvel_test::observeLooks(nullptr);
+  EXPECT_EQ(readFile(level(0)), "77");
+}
+
 // A dead holder's file is taken over by a single attempt only when it is
 // long dead, or when this host already watched it long enough (a cron job's
 // next -n run); queue places that killed waiters left are swept.
