@@ -233,8 +233,11 @@ TEST_F(FsLockTest, ReentrantAcquireAndRelease) {
     ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
     EXPECT_TRUE(lock.release());
     EXPECT_TRUE(koFileExists(level(0).c_str())) << "still held once";
+    const std::string holders = korvel_test::localStateDirectory() + "/korvel-holders";
+    EXPECT_EQ(entries(holders).size(), 1u) << "this host's record of the holding";
     EXPECT_TRUE(lock.release(1, TimeUnit::sSeconds()));
     EXPECT_TRUE(entries(dir_.path()).empty());
+    EXPECT_TRUE(entries(holders).empty()) << "and its record gone with it";
     EXPECT_FALSE(lock.release(1, TimeUnit::sSeconds()));
     ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
     ASSERT_TRUE(lock.acquire(koForever, TimeUnit::sSeconds(), false));
