@@ -280,6 +280,23 @@ TEST_F(FsLockTest, ANewcomerLetsTheWaiterAboveMoveIn) {
   EXPECT_EQ(readFile(level(0)), "77");
 }
 
+// A waiter is woken when the file in its way moves away, not only when it
+// is removed: it is in before a latecomer.
+TEST_F(FsLockTest, AWaiterIsWokenWhenTheFileInItsWayMoves) {
+  korvel_test::writeFile(level(0), "5");
+  korvel_test::waitScale = 0.01;  // a poll lasts a second: only a wake-up is in time
+  koDirectoryExclusiveLock waiter(dir_.path(), "waiter");
+  std::thread others([&] {
+    usleep(100000);
+    rename(level(0).c_str(), at("moved").c_str());
+    usleep(300000);
+    close(open(level(0).c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600));
+  });
+  EXPECT_TRUE(waiter.acquire(600, TimeUnit::sMilliseconds(), true));
+  others.join();
+  EXPECT_TRUE(waiter.release());
+}
+
 // A dead holder's file is taken over by a single attempt only when it is
 // long dead, or when this host already watched it long enough (a cron job's
 // next -n run); queue places that killed waiters left are swept.
