@@ -38,6 +38,8 @@ TEST(ModulePath, AddressesLeadToTheirModulesAndNamesToLoadedModules) {
   EXPECT_EQ(koGetLoadedModuleFullPath(out, "libkorvel", nullptr, 0), out);
   EXPECT_EQ(out, resolved(library));
   EXPECT_EQ(koGetLoadedModuleFullPath(out, "libkorvel", symbols, 2), nullptr) << "one is missing";
+  const char* reversed[] = {"koNoSuchSymbolAnywhere", "koMkdirP"};
+  EXPECT_EQ(koGetLoadedModuleFullPath(out, "libkorvel", reversed, 2), nullptr) << "the first too";
   // Every library's file name begins with "lib"; only this one exports
   // koMkdirP, so the others are passed over whatever their order.
   ASSERT_NE(koGetLoadedModuleFullPath(out, "lib", symbols, 1), nullptr);

@@ -9,6 +9,7 @@
 #include <limits.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,6 +43,16 @@ extern "C" void hostFree(void* block) {
 // Temporary names are made from the clock, among others: here it stands still.
 extern "C" double hostRealtime() {
   return 1.8e9;
+}
+
+// Under /reserve, a file system that keeps blocks for the superuser.
+extern "C" int hostStatvfs(const char* path, struct statvfs* st) {
+  if (strncmp(path, "/reserve", 8) != 0) return hostDefaultStatvfs(path, st);
+  *st = {};
+  st->f_bsize = 4096;
+  st->f_bfree = 10;
+  st->f_bavail = 4;
+  return 0;
 }
 
 // Refuses the removal of chosen paths.
@@ -124,6 +135,12 @@ TEST_F(PathsTest, SeparatorEdits) {
   koReplacePathSeps(buf, '\\');
   EXPECT_STREQ(buf, "a\\b\\c\\");
   EXPECT_FALSE(koIsRootDir("//") || koIsRootDir("") || koIsPathSep('\\') || koAddPathSep(nullptr));
+  char joined[16] = "ab/c";
+  EXPECT_EQ(koAddPathSepAt(joined, 3), 0u);
+  EXPECT_STREQ(joined, "ab/c") << "a separator before the place is enough";
+  char split[16] = "abc";
+  EXPECT_EQ(koAddPathSepAt(split, 2), 1u);
+  EXPECT_STREQ(split, "ab/c");
 }
 
 // Input, n and result: ".." never climbs above the start, nor takes the
@@ -236,6 +253,9 @@ TEST_F(PathsTest, QueriesFollowLinks) {
   uint64_t bytes = 0;
   EXPECT_TRUE(koGetFileSystemAvailableSpace(dir_.path().c_str(), &bytes) && bytes != ~0ull);
   EXPECT_TRUE(!koGetFileSystemAvailableSpace(at("missing").c_str(), &bytes) && bytes == ~0ull);
+  EXPECT_TRUE(koGetFileSystemAvailableSpace("/reserve", &bytes));
+  EXPECT_EQ(bytes, 40960u) << "the superuser's reserve counts";
+  EXPECT_TRUE(koMatchingFileOrDirExists(at("*").c_str())) << "five match: one is enough";
 }
 
 TEST_F(PathsTest, TempDirIsReadOnceAndTempNamesAreFresh) {
@@ -293,13 +313,17 @@ TEST_F(PathsTest, WalkerReportsPreOrderToTheRequestedDepth) {
 TEST_F(PathsTest, WalkerPatternForms) {
   ASSERT_EQ(mkdir(at("d").c_str(), 0755), 0);
   for (const char* name : {"a1", "a2", ".hidden", "d/only"}) writeFile(at(name), "");
+  const int underRoot = static_cast<int>(std::count_if(
+      fs::directory_iterator("/"), fs::directory_iterator(), [](const fs::directory_entry& e) {
+        return e.path().filename().string().rfind("proc", 0) == 0;
+      }));
   // '*' matches a leading dot too; "/" and "." need depth 1; a wildcard in
   // the directory part is refused.
   // clang-format off
   const std::pair<std::string, int> counts[] = {
       {dir_ / "*", 4}, {dir_ / "*2", 1}, {dir_ / "a1", 1}, {dir_ / "missing*", 0},
       {dir_ / "missing/*", 0}, {"/" + std::string(4096, 'x'), 0}, {"", 0}, {"/", 0}, {".", 0},
-      {dir_.path() + "*/a1", 0}};
+      {dir_.path() + "*/a1", 0}, {"/proc*", underRoot}};
   // clang-format on
   for (const auto& [pattern, count] : counts) EXPECT_EQ(find(pattern, 0), count) << pattern;
   EXPECT_EQ(find(dir_ / "a*", 3, true), 1) << "stop at the first";
@@ -369,6 +393,7 @@ TEST_F(PathsTest, WritePermissionAndMkdirPModes) {
   EXPECT_EQ(modeOf(at("a/b/c")), unsigned(S_IFDIR | 0755)) << "0775 less the umask";
   umask(0);
   EXPECT_TRUE(koMkdirP(at("a/b/d").c_str()) && modeOf(at("a/b/d")) == (S_IFDIR | 0775));
+  EXPECT_FALSE(koMkdirP(file.c_str())) << "a plain file is no directory";
   EXPECT_TRUE(!koMkdirP(at("p/q/" + std::string(300, 'n') + "/r").c_str()) &&
               fs::is_directory(at("p/q")))
       << "what was made before the failure stays";
