@@ -130,6 +130,10 @@ TEST(Semaphore, OverlongNameIsReportedThenRefusedOrShortened) {
                                "'. The name is 5000 characters long. Maximum name length is 4353.")
                                   .substr(0, 2046) +
                               "\n";
+  // At the limit, no word of it: the system's refusal alone.
+  koSemaphoreIPC atLimit(given.substr(0, 4353), 0, false);
+  EXPECT_EQ(captureStderr([&] { EXPECT_FALSE(atLimit.Open()); }).find("Maximum name length"),
+            std::string::npos);
   koSemaphoreIPC refused(given, 0, false);
   std::string err = captureStderr([&] { EXPECT_FALSE(refused.Open()); });
   EXPECT_EQ(refused.LastError(), ENAMETOOLONG);

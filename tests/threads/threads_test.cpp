@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -187,6 +188,9 @@ TEST(PooledThreadFactory, ReusesTheLastRecycledThreadFirst) {
       << "a failing body does not end the pooled thread";
   EXPECT_EQ(runs, 2);
   EXPECT_EQ(hooks::joinableCreated - created, 3) << "no new system thread for a reuse";
+  const auto bound = std::make_shared<int>(0);
+  roundTrip(pool, [bound]() -> void* { return nullptr; });
+  EXPECT_EQ(bound.use_count(), 1) << "a recycled thread lets go of its body";
 
   // Taken together, recycled a then b: b is on top and comes back first. A
   // join before the start waits for the run.
@@ -208,8 +212,9 @@ TEST(PooledThreadFactory, ReusesTheLastRecycledThreadFirst) {
 }
 
 TEST(PooledThreadFactory, SurplusThreadsEndDuringRecycleUnlessTheLimitIsOff) {
-  for (const unsigned long limit : {1ul, static_cast<unsigned long>(-1)}) {
+  for (const unsigned long limit : {0ul, 1ul, static_cast<unsigned long>(-1)}) {
     const int joinedAtStart = hooks::joined;
+    const int kept = limit > 5 ? 5 : static_cast<int>(limit);
     {
       koPooledThreadFactory pool(0, limit);
       std::vector<koThread*> threads;
@@ -217,12 +222,16 @@ TEST(PooledThreadFactory, SurplusThreadsEndDuringRecycleUnlessTheLimitIsOff) {
       startAndJoin(threads);
       const int joinedBefore = hooks::joined;
       for (koThread* t : threads) pool.recycle(t);
-      EXPECT_EQ(hooks::joined - joinedBefore, limit == 1 ? 4 : 0) << "limit " << limit;
-      EXPECT_EQ(roundTrip(pool), limit == 1 ? threads[0] : threads[4]);
+      EXPECT_EQ(hooks::joined - joinedBefore, 5 - kept) << "limit " << limit;
+      koThread* next = roundTrip(pool);
+      if (kept > 0) {
+        EXPECT_EQ(next, kept == 1 ? threads[0] : threads[4]);
+      }
     }
     // The pool's clean-up thread joins the rest later; the next round must
-    // not count those.
-    ASSERT_TRUE(korvel_test::eventually([&] { return hooks::joined - joinedAtStart == 5; }));
+    // not count those. With no idle thread kept, the round trip's went too.
+    ASSERT_TRUE(korvel_test::eventually(
+        [&] { return hooks::joined - joinedAtStart == (kept == 0 ? 6 : 5); }));
   }
 }
 
