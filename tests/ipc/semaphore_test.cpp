@@ -132,7 +132,7 @@ TEST(Semaphore, OverlongNameIsReportedThenRefusedOrShortened) {
                               "\n";
   // At the limit, no word of it: the system's refusal alone.
   koSemaphoreIPC atLimit(given.substr(0, 4353), 0, false);
-  EXPECT_EQ(captureStderr([&] { EXPECT_FALSE(atLimit.Open()); }).find("Maximum name length"),
+  EXPECT_EQ(captureStderr([&] { EXPECT_FALSE(atLimit.Open()); }).find("Cannot open semaphore"),
             std::string::npos);
   koSemaphoreIPC refused(given, 0, false);
   std::string err = captureStderr([&] { EXPECT_FALSE(refused.Open()); });
