@@ -187,6 +187,23 @@ TEST_F(FsLockTest, StaleMeansUnchangedForFifteenSecondsOrLongDead) {
     EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
     korvel_test::observeOpens(nullptr);
   }
+  {
+    // Exactly ten minutes old, by a server that keeps whole seconds: not
+    // more. The lock and the fresh file are stamped in the same second.
+    korvel_test::stampWholeSeconds(true);
+    korvel_test::freezeClock(true);
+    timespec now;
+    do {
+      usleep(10000);
+      clock_gettime(CLOCK_REALTIME, &now);
+    } while (now.tv_nsec < 50000000 || now.tv_nsec > 500000000);  // clear of the coarse clock
+    korvel_test::writeFile(lock, "600", 0);
+    ASSERT_TRUE(korvel_test::setMtime(lock, now.tv_sec - 600));
+    koStaleLockRemover judge;
+    EXPECT_EQ(judge.judge(lock, &seen), Verdict::kLive);
+    korvel_test::freezeClock(false);
+    korvel_test::stampWholeSeconds(false);
+  }
   for (const time_t age : {590, 610}) {
     korvel_test::writeFile(lock, std::to_string(age), age);
     koStaleLockRemover judge;

@@ -24,6 +24,7 @@ struct Hooks {
   std::string skewedUnder;
   double skewSeconds = 0;
   double skewSince = 0;
+  bool wholeSeconds = false;
   std::map<int, std::string> openFiles;  // descriptor -> path, for fstat
   std::map<std::string, int> writeCounts;
   std::function<void(const char*, int)> openObserver;
@@ -54,6 +55,11 @@ std::atomic<bool> renamesRefused{false};
 void failUnder(Fault which, const std::string& prefix, int error) {
   std::lock_guard<std::mutex> lock(hookMutex);
   hooks.faults[which] = {prefix, error};
+}
+
+void stampWholeSeconds(bool whole) {
+  std::lock_guard<std::mutex> lock(hookMutex);
+  hooks.wholeSeconds = whole;
 }
 
 void skewStamps(const std::string& prefix, double seconds, double since) {
@@ -135,6 +141,7 @@ namespace {
 // Shifts the modification time of a file under the skewed prefix.
 // REQUIRES: hookMutex held.
 void skew(const char* path, struct stat* st) {
+  if (hooks.wholeSeconds) st->st_mtim.tv_nsec = 0;
   if (hooks.skewedUnder.empty() ||
       strncmp(path, hooks.skewedUnder.c_str(), hooks.skewedUnder.size()) != 0) {
     return;

@@ -61,6 +61,9 @@ void failUnder(Fault which, const std::string& prefix, int error = 1 /* EPERM */
 // `since` (wall-clock seconds) on, as when a server's clock steps then.
 void skewStamps(const std::string& prefix, double seconds, double since = 0.0);
 
+// Modification times are read in whole seconds, as some servers keep them.
+void stampWholeSeconds(bool whole);
+
 // Called before each host open or remove; an empty function stops it.
 void observeOpens(std::function<void(const char* path, int flags)> observer);
 void observeRemoves(std::function<void(const char* path)> observer);
