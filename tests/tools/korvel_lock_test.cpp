@@ -560,6 +560,10 @@ TEST_F(KorvelLockTest, CleanRemovesOnlyWhatIsStaleAndForeignObjectsOnlyWhenForce
   r = run({"--clean", locked()});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, locked() + ": nothing stale to remove\n");
+  // Old by the server's clock alone is not dead: unwatched (-n), it stays.
+  plant(locked() + "/.deploy_read_lock.7", 30);
+  run({"--clean", "-n", locked()});
+  EXPECT_TRUE(exists(locked() + "/.deploy_read_lock.7"));
 }
 
 // In a directory with the sticky bit another user's stale files cannot be
