@@ -506,6 +506,16 @@ TEST_F(KorvelLockTest, StatusTellsLiveLocksDeadAndStaleFilesAndForeignObjects) {
               expected);
     EXPECT_EQ(names(), made) << "--status only looks, and leaves no probe behind";
   }
+  // Exactly 15 s old by the server's whole seconds is not more: live. (The
+  // file and the tool's probe are stamped in the same second.)
+  emptyLocked();
+  timespec now;
+  do {
+    usleep(10000);
+    clock_gettime(CLOCK_REALTIME, &now);
+  } while (now.tv_nsec < 50000000 || now.tv_nsec > 500000000);
+  plant(locked() + "/.deploy_write_lock", 15);
+  EXPECT_EQ(run({"--status", locked()}).status, 1);
   // A directory this user cannot list is not free: it cannot be examined.
   emptyLocked(0711);
   plant(locked() + "/.deploy_write_lock", 0);
