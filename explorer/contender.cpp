@@ -37,9 +37,9 @@
 #include <random>
 #include <string>
 
+#include "explorer/schedule.h"
 #include "host/host.h"
 #include "korvel/fs_lock.h"
-#include "explorer/schedule.h"
 #include "tests/support/any_lock.h"
 
 using explorer::Call;
