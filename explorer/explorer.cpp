@@ -22,10 +22,10 @@
 //   - hang: a contender had not ended 10 s of host time after the schedule;
 //   - false loss (calm only): a holder was told of a loss more than 0.5 s
 //     before its lease, as it knew it, ran out, and nobody took its file.
-// An overlap counts as a known-window hit instead when, during the earlier
-// hold and before the later acquisition, a contender acted on a lock file
-// late after reading back its own number: the window between a read-back
-// and its act that the notes in fs_lock name.
+// An overlap counts as a known-window hit instead when, between the write
+// of the earlier holder's file and the later acquisition, a contender acted
+// on a lock file late after reading back its own number: the window between
+// a read-back and its act that the notes in fs_lock name.
 #include <dirent.h>
 #include <ftw.h>
 #include <signal.h>
@@ -228,6 +228,16 @@ class Run {
     }
   }
 
+  // When h's file was written for the acquisition: a late act may hit it
+  // from then on, before the acquisition returns.
+  double madeAt(const Hold& h) const {
+    double made = h.acq;
+    for (const Event& e : events_[h.p]) {
+      if (e.what == "w" && e.path == h.file && e.opened <= h.acq) made = e.opened;
+    }
+    return made;
+  }
+
   // The end of h's lease as it stood at t: 14 s after the start of the last
   // write of h's file by h's contender that began by t.
   // With known, only writes whose call had returned by t count: the lease
@@ -332,8 +342,9 @@ class Run {
         const Hold& b = holds[j];
         const double lease = leaseEnd(a, b.acq);
         if (a.p == b.p || (a.kind == 'R' && b.kind == 'R') || lease <= b.acq) continue;
+        const double made = madeAt(a);
         if (std::any_of(late.begin(), late.end(),
-                        [&](double t) { return t >= a.acq && t <= b.acq; })) {
+                        [&](double t) { return t >= made && t <= b.acq; })) {
           ++out_.knownWindowHits;
           continue;
         }
