@@ -68,11 +68,11 @@ registration_keeps_its_first_number | fs_lock/holding.cpp | if (registration_) r
 registration_of_anyone_trusted | fs_lock/this_host.cpp | (st.st_uid == state.owner \|\| st.st_uid == 0) &&\n                     registrationText(state) == text | true &&\n                     registrationText(state) == text | LockProcessTest\.OnOneHost
 registration_number_unchecked | fs_lock/this_host.cpp | registrationText(state) == text &&\n | true &&\n | LockProcessTest\.OnOneHost
 live_registration_taken_for_dead | fs_lock/this_host.cpp | hostLockControl(*fd, F_OFD_GETLK, &lock) == 0 && lock.l_type == F_UNLCK; | true; | RwProcessTest\.FileTimes|LockProcessTest
-removals_wake_nobody | fs_lock/watch.cpp | return c.sequence >= from && (c.watch == -1 \|\| c.watch == watch); | return false; | LockProcessTest\.OnOneHost
+removals_wake_nobody | fs_lock/watch.cpp | return c.sequence >= from && (c.watch == -1 \|\| c.watch == watch); | return false; | LockProcessTest\.OnOneHost|FsLockTest\.AWaiterIsWoken
 waiter_woken_for_its_own_level | fs_lock/exclusive_lock.cpp | void pause() { sleepWhileThere(level_ - 1, backOff_); } | void pause() { sleepWhileThere(level_, backOff_); } | LockProcessTest\.OnOneHost
 exclusive_refresh_never_rewrites | fs_lock/exclusive_lock.cpp | Holdings failed = refreshOnce({o.holding_}, o.numbers_); | Holdings failed; | RwLockTest\.HeldFiles
-exclusive_refresh_every_50s | fs_lock/exclusive_lock.cpp | const double period = kRefreshPeriodMs / 1000.0; | const double period = 50.0; | RwLockTest\.HeldFiles
-exclusive_refresh_every_second | fs_lock/exclusive_lock.cpp | const double period = kRefreshPeriodMs / 1000.0; | const double period = 1.0; | FsLockTest\.Refreshes
+exclusive_refresh_every_50s | fs_lock/exclusive_lock.cpp | LoopWait::waitFor(context, untilRefresh({o.holding_})) | LoopWait::waitFor(context, 10 * untilRefresh({o.holding_})) | RwLockTest\.HeldFiles
+exclusive_refresh_every_second | fs_lock/exclusive_lock.cpp | LoopWait::waitFor(context, untilRefresh({o.holding_})) | LoopWait::waitFor(context, 0.2 * untilRefresh({o.holding_})) | FsLockTest\.Refreshes
 refresh_retry_in_whole_seconds | threads/thread.cpp | const double real = hostRealSeconds(seconds); | const double real = hostRealSeconds(static_cast<long>(seconds)); | FsLockTest\.(Refreshes|NothingHangs)
 rw_refresh_skips_write_lock | fs_lock/read_write_lock.cpp | if (noRefresh \|\| !hasFile \|\| refreshed) return; | if (noRefresh \|\| write \|\| !hasFile \|\| refreshed) return; | RwLockTest\.HeldFiles
 rw_refresh_skips_read_locks | fs_lock/read_write_lock.cpp | if (noRefresh \|\| !hasFile \|\| refreshed) return; | if (noRefresh \|\| !write \|\| !hasFile \|\| refreshed) return; | RwLockTest\.HeldFiles
@@ -80,7 +80,7 @@ exclusive_holds_the_wrong_level | fs_lock/exclusive_lock.cpp | holding_->hold(le
 waiter_queues_one_level_up | fs_lock/exclusive_lock.cpp | int level = 0; | int level = 1; | ^fs_lock_test\.(FsLockTest|LockProcessTest\.Diagnostics)
 writer_skips_read_lock_scan | fs_lock/read_write_lock.cpp | if (readers.empty()) return Entry::kFree; | return Entry::kFree; | ^fs_lock_test\.Rw
 lock_file_made_without_dir_lock | fs_lock/read_write_lock.cpp | : lock_.acquireUntil(deadline, false, true)) { | : true) { | ^fs_lock_test\.Rw
-rw_release_keeps_file | fs_lock/read_write_lock.cpp | removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds)); | removed = Owned::kYes; | ^fs_lock_test\.RwLockTest\.
+rw_release_keeps_file | fs_lock/read_write_lock.cpp | removed = releaseHolding(*holding, dir->directory, deadline.capped(kReleaseEffortSeconds)); | removed = Released::kRemoved; | ^fs_lock_test\.RwLockTest\.
 lease_timer_never_fires | fs_lock/holding.cpp | if (now < leaseEnd_) return leaseEnd_; | return leaseEnd_; | FsLockTest\.ALease|^lock_explorer_calm$
 lease_of_16_seconds | fs_lock/protocol.h | constexpr double kLeaseSeconds = 14.0; | constexpr double kLeaseSeconds = 16.0; | FsLockTest\.ALease|^lock_explorer_calm$
 lock_file_kept_under_lost_dir_lock | fs_lock/read_write_lock.cpp | if (!guard.stillHeld()) { | if (false) { | RwLockTest\.NoLockFileIsKept
@@ -111,6 +111,8 @@ tool_parent_death_sends_term | tools/korvel_lock.cpp | prctl(PR_SET_PDEATHSIG, S
 tool_does_not_stop_with_its_job | tools/korvel_lock.cpp | kill(getpid(), SIGSTOP); | | @tool
 tool_continued_alone | tools/korvel_lock.cpp | tcsetpgrp(tty, group);\n  kill(-group, SIGCONT);\n} | tcsetpgrp(tty, group);\n} | @tool
 tool_signal_waits_for_the_library | tools/korvel_lock.cpp | if (a.state != Attempt::State::kHeld) { | if (false) { | KorvelLockTest\.Ending
+# Survives: reached only when the library overruns a deadline by seconds, as
+# on a hung mount; nothing here can hang it since lock files open O_NONBLOCK.
 tool_overrun_waited_for | tools/korvel_lock.cpp | if (deadline >= 0 && now > deadline + kOverrunSeconds) { | if (false) { | KorvelLockTest\.AForeign
 tool_obstacle_not_told | tools/korvel_lock.cpp | if (!a.obstacle.empty() && !obstacleShown) { | if (false) { | @tool
 tool_foreign_taken_for_a_file | tools/lock_files.cpp | file->foreign = type == S_IFREG    ? nullptr | file->foreign = true ? nullptr | @tool
@@ -118,6 +120,8 @@ tool_short_digit_names_cleaned | tools/lock_files.cpp | name.size() > kStaleTest
 tool_unlistable_directory_free | tools/lock_files.cpp | *what = "cannot list it";\n    return false; | return true; | @tool
 tool_removal_failure_silent | tools/korvel_lock.cpp | } else if (errno != 0) { | } else if (false) { | @tool
 tool_force_not_needed | tools/korvel_lock.cpp | if (o.force) { | if (true) { | @tool
+# Survives: the library now waits out another user's stale file itself and
+# never returns EACCES for it; the tool's own retry is a second line.
 tool_unbreakable_stale_refuses | tools/korvel_lock.cpp | (unbreakable && (error == EACCES \|\| error == EPERM)) | false | @tool
 tool_sticky_bit_ignored | tools/lock_files.cpp | return (st.st_mode & S_ISVTX) == 0 \|\| file.owner == geteuid() \|\| st.st_uid == geteuid(); | return true; | @tool
 tool_release_failure_not_a_loss | tools/korvel_lock.cpp | if (!lock.lost() && cause.empty()) { | if (!lock.lost()) { | @tool
