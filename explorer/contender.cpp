@@ -401,35 +401,35 @@ extern "C" int hostFstat(int fd, struct stat* st) {
   return statted(pathOf(fd), st, [&] { return hostDefaultFstat(fd, st); });
 }
 
-extern "C" int hostUnlink(const char* path) {
-  const bool lockFile = isLockFile(path);
-  if (lockFile) actOn(path);
-  int number = -1;
-  const int rc = faulted(explorer::kRemove, path, -1, [&] {
+// A removal of `gone` under the faults of removals, acting on the lock
+// file `acted` (a rename's target, else gone itself); *number is what it
+// took away, read after a hang.
+template <class Call>
+int removal(const char* gone, const char* acted, int* number, Call call) {
+  const bool lockFile = isLockFile(acted);
+  if (lockFile) actOn(acted);
+  return faulted(explorer::kRemove, gone, -1, [&] {
     if (lockFile) {
-      actOn(path);
-      number = numberOf(path);  // what the removal hits, after a hang
+      actOn(acted);
+      *number = numberOf(gone);
     }
-    return hostDefaultUnlink(path);
+    return call();
   });
-  if (rc == 0 && lockFile) say("rm", "%s %d", path, number);
+}
+
+extern "C" int hostUnlink(const char* path) {
+  int number = -1;
+  const int rc = removal(path, path, &number, [&] { return hostDefaultUnlink(path); });
+  if (rc == 0 && isLockFile(path)) say("rm", "%s %d", path, number);
   return rc;
 }
 
 // A lock file moved whole: its old name is removed, and the write that
 // made its content reached the new name.
 extern "C" int hostRenameExclusive(const char* from, const char* to) {
-  const bool lockFile = isLockFile(to);
-  if (lockFile) actOn(to);
   int number = -1;
-  const int rc = faulted(explorer::kRemove, from, -1, [&] {
-    if (lockFile) {
-      actOn(to);
-      number = numberOf(from);
-    }
-    return hostDefaultRenameExclusive(from, to);
-  });
-  if (rc != 0 || !lockFile) return rc;
+  const int rc = removal(from, to, &number, [&] { return hostDefaultRenameExclusive(from, to); });
+  if (rc != 0 || !isLockFile(to)) return rc;
   say("rm", "%s %d", from, number);
   std::lock_guard<std::mutex> lock(observedMutex);
   const auto own = ownNumbers.find(number);

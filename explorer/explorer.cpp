@@ -38,7 +38,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,16 +72,6 @@ struct Options {
   bool calm = false;
   bool keep = false;
 } options;
-
-std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* text, ...) {
-  char line[512];
-  va_list args;
-  va_start(args, text);
-  vsnprintf(line, sizeof line, text, args);
-  va_end(args);
-  return line;
-}
 
 // ---- Running one schedule ----
 

@@ -11,6 +11,16 @@
 #include <random>
 
 namespace explorer {
+
+std::string format(const char* text, ...) {
+  char line[512];
+  va_list args;
+  va_start(args, text);
+  vsnprintf(line, sizeof line, text, args);
+  va_end(args);
+  return line;
+}
+
 namespace {
 
 const char* const kCallNames[kCalls] = {"open",      "close", "pread",  "write",
@@ -24,14 +34,9 @@ const char* const kTargetNames[kTargets] = {"",
                                             " of a file it judged stale",
                                             " of a lock it holds"};
 
-std::string line(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string line(const char* format, ...) {
-  char text[256];
-  va_list args;
-  va_start(args, format);
-  vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  return std::string("  ") + text + "\n";
+// One line of a schedule in words.
+std::string line(const std::string& text) {
+  return "  " + text + "\n";
 }
 
 // "p1: its 2nd stat ...", or for a fault of anyone "whoever comes first: ...".
@@ -41,16 +46,16 @@ std::string words(const std::string& who, const Fault& f) {
   const char* call = kCallNames[f.call];
   const char* file = kTargetNames[f.target];
   if (f.kind == 'f') {
-    return line("%s: its %s %s%s from %.1f s fails with %s", w, ordinal[f.skip], call, file, f.at,
-                strerrorname_np(f.error));
+    return line(format("%s: its %s %s%s from %.1f s fails with %s", w, ordinal[f.skip], call, file,
+                       f.at, strerrorname_np(f.error)));
   }
   if (f.kind == 's') {
-    return line("%s: its %s %s%s from %.1f s hangs %.1f s (%s)", w, ordinal[f.skip], call, file,
-                f.at, f.seconds,
-                f.afterCall ? "the answer is late" : "before it reaches the server");
+    return line(format("%s: its %s %s%s from %.1f s hangs %.1f s (%s)", w, ordinal[f.skip], call,
+                       file, f.at, f.seconds,
+                       f.afterCall ? "the answer is late" : "before it reaches the server"));
   }
-  return line("%s: the thread making its %s %s%s from %.1f s pauses %.1f s after it", w,
-              ordinal[f.skip], call, file, f.at, f.seconds);
+  return line(format("%s: the thread making its %s %s%s from %.1f s pauses %.1f s after it", w,
+                     ordinal[f.skip], call, file, f.at, f.seconds));
 }
 
 }  // namespace
@@ -172,22 +177,23 @@ std::string Schedule::words() const {
            oneHost ? "on one host" : "on hosts of their own", end,
            clientStamps ? "each client's wall clock" : "the server's clock");
   std::string out = head;
-  out += line("p0 takes the lock%s first and is killed %.1f s into that hold",
-              rw ? " for writing" : "", dieAfter);
-  out += line("p%d is steady: never hung, stopped or killed, its pauses short", steady);
+  out += line(format("p0 takes the lock%s first and is killed %.1f s into that hold",
+                     rw ? " for writing" : "", dieAfter));
+  out += line(format("p%d is steady: never hung, stopped or killed, its pauses short", steady));
   for (const Step& s : server)
-    out += line("the server's clock steps %+.1f s at %.1f s", s.delta, s.at);
+    out += line(format("the server's clock steps %+.1f s at %.1f s", s.delta, s.at));
   for (int p = 0; p < processes; ++p) {
     for (const Step& s : clock[p]) {
-      out += line("p%d's wall clock steps %+.1f s at %.1f s", p, s.delta, s.at);
+      out += line(format("p%d's wall clock steps %+.1f s at %.1f s", p, s.delta, s.at));
     }
     for (const Fault& f : faults[p]) out += explorer::words("p" + std::to_string(p), f);
   }
   for (const Fault& f : anyone) out += explorer::words("whoever comes first", f);
   for (const Signal& s : signals) {
-    out += s.signal == SIGSTOP
-               ? line("p%d is stopped (SIGSTOP) at %.1f s for %.1f s", s.who, s.at, s.length)
-               : line("p%d is killed (SIGKILL) at %.1f s", s.who, s.at);
+    out +=
+        s.signal == SIGSTOP
+            ? line(format("p%d is stopped (SIGSTOP) at %.1f s for %.1f s", s.who, s.at, s.length))
+            : line(format("p%d is killed (SIGKILL) at %.1f s", s.who, s.at));
   }
   return out;
 }

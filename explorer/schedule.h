@@ -12,6 +12,9 @@
 
 namespace explorer {
 
+// printf into a string (up to 511 characters).
+std::string format(const char* text, ...) __attribute__((format(printf, 1, 2)));
+
 enum Call { kOpen, kClose, kPread, kWrite, kFtruncate, kStat, kRemove, kList, kCalls };
 // Which files a fault is for, by name; or the file its thread last saw more
 // than 15 s older than the server's clock (a judgement of staleness, and the

@@ -555,9 +555,7 @@ bool koDirectoryExclusiveLock::Impl::acquireHeld(const Deadline& deadline, bool 
   }
   QueueWalk walk(*this, deadline, singleAttempt, holderPatience);
   if (!walk.run()) {
-    const int error = errno;
-    judge_.remember();
-    errno = error;
+    judge_.remember();  // keeps errno
     return false;
   }
   acquireCount_ = 1;
