@@ -150,6 +150,11 @@ void LockHolding::runHandler() {
   handlerDone_.notify_all();
 }
 
+double LockHolding::leaseEnd() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return held_ && !lost_ ? leaseEnd_ : 0.0;
+}
+
 double LockHolding::checkLease(double now) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -212,13 +217,29 @@ class LeaseTimer {
       const double now = hostMonotonic();
       double next = 0.0;
       std::vector<std::weak_ptr<LockHolding>> still;
+      std::vector<std::pair<double, std::shared_ptr<LockHolding>>> ended;
       std::set<const LockHolding*> seen;  // a holding held again is listed again
       for (const std::weak_ptr<LockHolding>& weak : watched) {
         const std::shared_ptr<LockHolding> holding = weak.lock();
         if (!holding || !seen.insert(holding.get()).second) continue;
-        const double end = holding->checkLease(now);
+        const double end = holding->leaseEnd();
         if (end == 0.0) continue;
+        if (now >= end) {
+          ended.emplace_back(end, holding);
+          continue;
+        }
         still.push_back(weak);
+        if (next == 0.0 || end < next) next = end;
+      }
+      // Losses are told in the order the leases ended, whatever order the
+      // list is in: a holding listed during a pass goes ahead of those put
+      // back. A lease renewed since it was read stays armed.
+      std::stable_sort(ended.begin(), ended.end(),
+                       [](const auto& x, const auto& y) { return x.first < y.first; });
+      for (const auto& lapsed : ended) {
+        const double end = lapsed.second->checkLease(now);
+        if (end == 0.0) continue;
+        still.push_back(lapsed.second);
         if (next == 0.0 || end < next) next = end;
       }
       lock.lock();

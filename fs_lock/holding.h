@@ -78,8 +78,10 @@ class LockHolding : public std::enable_shared_from_this<LockHolding> {
   // For the loss notifier: runs the handler unless closed.
   void runHandler();
 
-  // For the lease timer: ends the lease if it is over. Returns the time the
-  // lease ends, or 0 when nothing is armed.
+  // For the lease timer: when the lease ends, or 0 when nothing is armed.
+  double leaseEnd() const;
+  // Ends the lease if it is over. Returns the time the lease ends, or 0 when
+  // nothing is armed.
   double checkLease(double now);
   // When the file is next due to be rewritten: a refresh period after the
   // start of its last write. 0 when nothing is held.
