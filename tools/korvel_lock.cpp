@@ -721,7 +721,9 @@ int runCommand(const Options& o) {
     } else if (signal > 0) {
       // Whoever sent it, and however: the command is not in korvel-lock's
       // group, so nothing else passes it on.
-      kill(-child, signal);
+      const int passed = kill(-child, signal);
+      say(o, "passed signal %d on to the command: %s", signal,
+          passed == 0 ? "done" : errorText(errno).c_str());
     }
   }
   if (tty >= 0 && tcgetpgrp(tty) == child) tcsetpgrp(tty, getpgrp());

@@ -153,7 +153,15 @@ class KorvelLockTest : public TempDirTest {
     argv.push_back(nullptr);
     fflush(nullptr);
     const pid_t pid = forkpty(master, nullptr, nullptr, nullptr);
-    if (pid == 0) _exit(execv(argv[0], argv.data()) == 0 ? 0 : 96);
+    if (pid == 0) {
+      // The tool keeps what it was started with; it starts here with
+      // nothing blocked or ignored, however the tests were started.
+      for (int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) ::signal(signal, SIG_DFL);
+      sigset_t none;
+      sigemptyset(&none);
+      sigprocmask(SIG_SETMASK, &none, nullptr);
+      _exit(execv(argv[0], argv.data()) == 0 ? 0 : 96);
+    }
     return pid;
   }
 
@@ -264,15 +272,18 @@ TEST_F(KorvelLockTest, SignalsReachTheCommandOnce) {
     const std::string record = work("record" + c.how + std::to_string(c.signal));
     const std::string ready = record + ".ready";
     int master = -1;
-    const pid_t tool = startOnTerminal({locked(), SIGNAL_RECORDER, record, ready}, &master);
+    const pid_t tool =
+        startOnTerminal({"--verbose", locked(), SIGNAL_RECORDER, record, ready}, &master);
     ASSERT_TRUE(eventually([&] { return exists(ready); }));
     if (c.how == "terminal") {
       ASSERT_EQ(write(master, "\003", 1), 1);
     } else {
-      kill(c.how == "group" ? -tool : tool, c.signal);  // a session leader leads its group
+      // A session leader leads its group.
+      ASSERT_EQ(kill(c.how == "group" ? -tool : tool, c.signal), 0);
     }
     EXPECT_EQ(korvel_test::waitChild(tool), 0);
-    EXPECT_EQ(readFile(record), c.record);
+    const std::regex end("exited with status [0-9]+");
+    EXPECT_EQ(readFile(record), c.record) << readTerminal(master, end);
     close(master);
   }
 }
