@@ -101,14 +101,14 @@ first_lease_is_stale_time | fs_lock/holding.cpp | lost_ = false;\n    leaseEnd_ 
 # a suspend of the host (the wait's clock stops, the lease's does not) would
 # make the timer oversleep.
 lease_timer_oversleeps | fs_lock/holding.cpp | std::min(1.0, std::max(0.0, next - hostMonotonic())) | std::max(0.0, next - hostMonotonic()) | ^lock_explorer_calm$|^fs_lock_test\.
-losses_told_in_list_order | fs_lock/holding.cpp | std::stable_sort(ended.begin(), ended.end(), | if (false) std::stable_sort(ended.begin(), ended.end(), | ^fs_lock_test\.
+losses_told_in_list_order | fs_lock/holding.cpp | std::stable_sort(ended.begin(), ended.end(), | if (false) std::stable_sort(ended.begin(), ended.end(), | ^fs_lock_test\.FsLockTest\.LossHandlersMayTearDownAnyLock$
 lease_timer_on_the_wall_clock | fs_lock/holding.cpp | const double now = hostMonotonic();\n      double next | const double now = hostRealtime();\n      double next | ^lock_explorer_calm$|^fs_lock_test\.
 watching_on_the_wall_clock | fs_lock/stale_test.cpp | Sighting& sighting = sightings_[lockFile];\n  const double now = hostMonotonic(); | Sighting& sighting = sightings_[lockFile];\n  const double now = hostRealtime(); | ^lock_explorer_calm$|^fs_lock_test\.
 
 # ---- korvel-lock ----
 tool_timeout_status | tools/korvel_lock.cpp | constexpr int kDefaultConflict = 75; | constexpr int kDefaultConflict = 1; | @tool
 tool_status_stale_rule | tools/lock_files.cpp | ageOf(file, now) > korvel_protocol::kStaleSeconds; | ageOf(file, now) > 4 * korvel_protocol::kStaleSeconds; | @tool
-tool_signal_not_passed_on | tools/korvel_lock.cpp | kill(-child, signal); | (void)signal; | @tool
+tool_signal_not_passed_on | tools/korvel_lock.cpp | const int passed = kill(-child, signal); | const int passed = 0; | @tool
 tool_lost_lock_ignored | tools/korvel_lock.cpp | if (lockLost && !o.ignoreLoss && !commandTerminated) { | if (false) { | @tool
 tool_terminal_not_handed_over | tools/korvel_lock.cpp | const bool foreground = tty >= 0 && tcgetpgrp(tty) == getpgrp(); | const bool foreground = false; | @tool
 tool_parent_death_sends_term | tools/korvel_lock.cpp | prctl(PR_SET_PDEATHSIG, SIGKILL); | prctl(PR_SET_PDEATHSIG, SIGTERM); | @tool
@@ -220,7 +220,10 @@ ended_refresh_loop_not_restarted | fs_lock/exclusive_lock.cpp | if (refreshRunni
 sweep_period_counted_in_seconds | fs_lock/exclusive_lock.cpp | sweptAgo < kRefreshPeriodMs / 1000.0) return; | sweptAgo < kRefreshPeriodMs) return; | ^fs_lock_test\.FsLockTest\.DeadHoldersAreTakenOverOnceWatchedLongEnough$
 sweep_only_ten_minute_old_places | fs_lock/exclusive_lock.cpp | now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kObservationSeconds) { | now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kLongDeadSeconds) { | ^fs_lock_test\.FsLockTest\.DeadHoldersAreTakenOverOnceWatchedLongEnough$
 transient_back_off_uncapped | fs_lock/exclusive_lock.cpp | backOff_ = std::min(2 * backOff_, kMaxBackOffMs); | backOff_ = 2 * backOff_; | ^fs_lock_test\.FsLockTest\.NothingHangsSilently$
-lock_numbers_seeded_by_the_process_id | fs_lock/common.cpp | LockNumbers::LockNumbers() : value_(hostRandom()) {} | LockNumbers::LockNumbers() : value_(hostProcessId()) {} | ^lock_explorer_calm$
+# Killed by the calm explorer about every other run (3 of 6): only processes
+# whose ids lie close together write the same numbers, and only some
+# schedules then judge one's file by the other's.
+lock_numbers_seeded_by_the_process_id | fs_lock/common.cpp | LockNumbers::LockNumbers() : value_(hostRandom()) {} | LockNumbers::LockNumbers() : value_(hostProcessId()) {} | @locks
 lock_numbers_never_advance | fs_lock/common.cpp | return static_cast<int>(value_.fetch_add(1) & 0x7fffffffu); | return static_cast<int>(value_.load() & 0x7fffffffu); | ^fs_lock_test\.RwLockTest\.HandlesCountShareAndBlockEachOther$|^fs_lock_test\.RwLockTest\.HeldFilesAreRewrittenAndNothingStarvesTheRefresh$
 # ---- Holdings, leases, deadlines and the refresh ----
 first_lease_from_the_acquisition_end | fs_lock/exclusive_lock.cpp | holding_->hold(levelFile(0), walk.written(), walk.since()); | holding_->hold(levelFile(0), walk.written(), hostMonotonic()); | ^fs_lock_test\.FsLockTest\.ALeaseRunsOutOnTheClockAlone$
