@@ -220,10 +220,7 @@ ended_refresh_loop_not_restarted | fs_lock/exclusive_lock.cpp | if (refreshRunni
 sweep_period_counted_in_seconds | fs_lock/exclusive_lock.cpp | sweptAgo < kRefreshPeriodMs / 1000.0) return; | sweptAgo < kRefreshPeriodMs) return; | ^fs_lock_test\.FsLockTest\.DeadHoldersAreTakenOverOnceWatchedLongEnough$
 sweep_only_ten_minute_old_places | fs_lock/exclusive_lock.cpp | now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kObservationSeconds) { | now - static_cast<double>(seen.mtimeSeconds) < korvel_protocol::kLongDeadSeconds) { | ^fs_lock_test\.FsLockTest\.DeadHoldersAreTakenOverOnceWatchedLongEnough$
 transient_back_off_uncapped | fs_lock/exclusive_lock.cpp | backOff_ = std::min(2 * backOff_, kMaxBackOffMs); | backOff_ = 2 * backOff_; | ^fs_lock_test\.FsLockTest\.NothingHangsSilently$
-# Killed by the calm explorer about every other run (3 of 6): only processes
-# whose ids lie close together write the same numbers, and only some
-# schedules then judge one's file by the other's.
-lock_numbers_seeded_by_the_process_id | fs_lock/common.cpp | LockNumbers::LockNumbers() : value_(hostRandom()) {} | LockNumbers::LockNumbers() : value_(hostProcessId()) {} | @locks
+lock_numbers_seeded_by_the_process_id | fs_lock/common.cpp | LockNumbers::LockNumbers() : value_(hostRandom()) {} | LockNumbers::LockNumbers() : value_(hostProcessId()) {} | ^fs_lock_test\.FsLockTest\.NumbersOfTwoProcessesNeverMeet$
 lock_numbers_never_advance | fs_lock/common.cpp | return static_cast<int>(value_.fetch_add(1) & 0x7fffffffu); | return static_cast<int>(value_.load() & 0x7fffffffu); | ^fs_lock_test\.RwLockTest\.HandlesCountShareAndBlockEachOther$|^fs_lock_test\.RwLockTest\.HeldFilesAreRewrittenAndNothingStarvesTheRefresh$
 # ---- Holdings, leases, deadlines and the refresh ----
 first_lease_from_the_acquisition_end | fs_lock/exclusive_lock.cpp | holding_->hold(levelFile(0), walk.written(), walk.since()); | holding_->hold(levelFile(0), walk.written(), hostMonotonic()); | ^fs_lock_test\.FsLockTest\.ALeaseRunsOutOnTheClockAlone$

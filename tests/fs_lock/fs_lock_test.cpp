@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -117,6 +118,29 @@ TEST_F(FsLockTest, LockFilesAreActedOnOnlyAsTheyWereJudged) {
   korvel_test::removeCalls = 0;
   EXPECT_FALSE(unlinkWithTenacity(at("missing"), Deadline::afterSeconds(0)));
   EXPECT_EQ(korvel_test::removeCalls, 1);
+}
+
+// Files are told apart by the numbers in them, so two processes' numbers
+// must not meet: not even those of processes forked one after the other,
+// whose ids are close.
+TEST_F(FsLockTest, NumbersOfTwoProcessesNeverMeet) {
+  std::vector<pid_t> children;
+  for (const char* name : {"first", "second"}) {
+    children.push_back(korvel_test::forkChild([&] {
+      LockNumbers numbers;
+      std::string text;
+      for (int i = 0; i < 64; ++i) text += std::to_string(numbers.next()) + " ";
+      korvel_test::writeFile(at(name), text);
+      return 0;
+    }));
+  }
+  for (pid_t child : children) ASSERT_EQ(korvel_test::waitChild(child), 0);
+  std::set<std::string> seen;
+  for (const char* name : {"first", "second"}) {
+    std::istringstream numbers(readFile(at(name)));
+    for (std::string n; numbers >> n;) EXPECT_TRUE(seen.insert(n).second) << n << " twice";
+  }
+  EXPECT_EQ(seen.size(), 128U);
 }
 
 TEST_F(FsLockTest, TimeOutsSaturateAndKeepTheirMilliseconds) {
