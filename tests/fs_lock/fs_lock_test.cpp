@@ -503,7 +503,12 @@ TEST_F(FsLockTest, ALeaseRunsOutOnTheClockAlone) {
 // Handlers run one at a time on one thread; one may destroy, release or
 // acquire any lock, also one whose own handler is queued behind it.
 TEST_F(FsLockTest, LossHandlersMayTearDownAnyLock) {
-  for (const char* name : {"a", "b", "c"}) ASSERT_EQ(mkdir(at(name).c_str(), 0700), 0);
+  for (const char* name : {"a", "b", "c", "d"}) ASSERT_EQ(mkdir(at(name).c_str(), 0700), 0);
+  // A lock held throughout keeps the lease timer waiting (up to a second
+  // between looks), so that it does not look while the others are listed.
+  koDirectoryExclusiveLock keeper(at("d"), "d");
+  ASSERT_TRUE(keeper.acquire(0, TimeUnit::sSeconds(), true));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its first look
   auto* a = new koDirectoryExclusiveLock(at("a"), "a");
   auto* b = new koDirectoryExclusiveLock(at("b"), "b");
   koDirectoryExclusiveLock c(at("c"), "c");
