@@ -23,7 +23,10 @@
 # next request (a reconnect attempt fails within 2 s while the link is down).
 set -euo pipefail
 
-readonly MOUNT_OPTIONS=dir_cache=no,attr_timeout=0,entry_timeout=0,negative_timeout=0
+# noforget: sshfs numbers inodes itself, and a file whose cached inode was
+# forgotten comes back under a new number; the lock checks a file's inode
+# before it acts on it, and would take its own file for another.
+readonly MOUNT_OPTIONS=dir_cache=no,attr_timeout=0,entry_timeout=0,negative_timeout=0,noforget
 readonly LINK_OPTIONS=ServerAliveInterval=1,ServerAliveCountMax=3,ConnectTimeout=2,reconnect
 readonly SERVER=10.77.0.1
 declare -A ADDRESS=([a]=10.77.0.2 [b]=10.77.0.3)
