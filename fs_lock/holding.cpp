@@ -217,6 +217,10 @@ class LeaseTimer {
       const double now = hostMonotonic();
       double next = 0.0;
       std::vector<std::weak_ptr<LockHolding>> still;
+      const auto keep = [&](const std::weak_ptr<LockHolding>& holding, double end) {
+        still.push_back(holding);
+        if (next == 0.0 || end < next) next = end;
+      };
       std::vector<std::pair<double, std::shared_ptr<LockHolding>>> ended;
       std::set<const LockHolding*> seen;  // a holding held again is listed again
       for (const std::weak_ptr<LockHolding>& weak : watched) {
@@ -226,10 +230,9 @@ class LeaseTimer {
         if (end == 0.0) continue;
         if (now >= end) {
           ended.emplace_back(end, holding);
-          continue;
+        } else {
+          keep(weak, end);
         }
-        still.push_back(weak);
-        if (next == 0.0 || end < next) next = end;
       }
       // Losses are told in the order the leases ended, whatever order the
       // list is in: a holding listed during a pass goes ahead of those put
@@ -238,9 +241,7 @@ class LeaseTimer {
                        [](const auto& x, const auto& y) { return x.first < y.first; });
       for (const auto& lapsed : ended) {
         const double end = lapsed.second->checkLease(now);
-        if (end == 0.0) continue;
-        still.push_back(lapsed.second);
-        if (next == 0.0 || end < next) next = end;
+        if (end != 0.0) keep(lapsed.second, end);
       }
       lock.lock();
       watched_.insert(watched_.end(), still.begin(), still.end());
